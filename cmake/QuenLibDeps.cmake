@@ -1,0 +1,12 @@
+# Every dependency is a Debian package installed by scripts/setup.sh.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(ICU REQUIRED COMPONENTS uc i18n data)
+find_package(OpenSSL REQUIRED)
+find_package(SQLite3 REQUIRED)
+find_package(ZLIB REQUIRED)
+find_package(spdlog CONFIG REQUIRED)
+find_package(XercesC REQUIRED)
+pkg_check_modules(LIBSSH2 REQUIRED IMPORTED_TARGET libssh2)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+find_package(CLI11 CONFIG QUIET)
