@@ -257,8 +257,8 @@ char const* const kStmtSql[kStmtCount] = {
     "SELECT id FROM keys WHERE path_fold=?1",
     "INSERT INTO keys(parent,name,path_fold,open_to_all,mtime) VALUES(?1,?2,?3,?4,?5)",
     "SELECT type,data FROM vals WHERE key=?1 AND name_fold=?2",
-    "INSERT INTO vals(key,name,name_fold,type,data) VALUES(?1,?2,?3,?4,?5) "
-    "ON CONFLICT(key,name_fold) DO UPDATE SET type=excluded.type,data=excluded.data",
+    ("INSERT INTO vals(key,name,name_fold,type,data) VALUES(?1,?2,?3,?4,?5) "
+     "ON CONFLICT(key,name_fold) DO UPDATE SET type=excluded.type,data=excluded.data"),
     "DELETE FROM vals WHERE key=?1 AND name_fold=?2",
     "SELECT name,mtime FROM keys WHERE parent=?1 ORDER BY path_fold LIMIT 1 OFFSET ?2",
     "SELECT name,type,data FROM vals WHERE key=?1 ORDER BY rowid LIMIT 1 OFFSET ?2",
