@@ -245,7 +245,6 @@ enum Stmt {
   kHasChild,
   kDeleteKey,
   kKeyInfo,
-  kTouch,
   kCounts,
   kBegin,
   kCommit,
@@ -265,7 +264,6 @@ char const* const kStmtSql[kStmtCount] = {
     "SELECT 1 FROM keys WHERE parent=?1 LIMIT 1",
     "DELETE FROM keys WHERE id=?1",
     "SELECT open_to_all FROM keys WHERE id=?1",
-    "UPDATE keys SET mtime=?2 WHERE id=?1",
     "SELECT (SELECT count(*) FROM keys WHERE parent=?1),(SELECT count(*) FROM vals WHERE key=?1)",
     "BEGIN IMMEDIATE",
     "COMMIT",
@@ -288,7 +286,18 @@ char const kSchema[] =
     " type INTEGER NOT NULL,"
     " data BLOB NOT NULL,"
     " UNIQUE(key,name_fold));"
-    "INSERT OR IGNORE INTO keys(id,parent,name,path_fold) VALUES(1,NULL,'','');";
+    "INSERT OR IGNORE INTO keys(id,parent,name,path_fold) VALUES(1,NULL,'','');"
+    // A key's last-write time follows its values, in the writing statement
+    // itself (100 ns ticks since 1601; julian day 2305813.5 is 1601-01-01).
+    "CREATE TRIGGER IF NOT EXISTS vals_touch_insert AFTER INSERT ON vals BEGIN"
+    " UPDATE keys SET mtime=CAST((julianday('now')-2305813.5)*864000000000 AS INTEGER)"
+    " WHERE id=NEW.key; END;"
+    "CREATE TRIGGER IF NOT EXISTS vals_touch_update AFTER UPDATE ON vals BEGIN"
+    " UPDATE keys SET mtime=CAST((julianday('now')-2305813.5)*864000000000 AS INTEGER)"
+    " WHERE id=NEW.key; END;"
+    "CREATE TRIGGER IF NOT EXISTS vals_touch_delete AFTER DELETE ON vals BEGIN"
+    " UPDATE keys SET mtime=CAST((julianday('now')-2305813.5)*864000000000 AS INTEGER)"
+    " WHERE id=OLD.key; END;";
 
 // Resets a statement when the scope ends, so that no statement keeps a
 // read transaction open between calls.
@@ -715,26 +724,16 @@ LONG RegSetValueExA(HKEY key, LPCSTR name, DWORD, DWORD type, BYTE const* data, 
   rc = prepare(ref, KEY_SET_VALUE, true);
   if (rc != ERROR_SUCCESS) return rc;
   sqlite3_stmt* st = s.stmt(kSetValue);
-  sqlite3_stmt* touch = s.stmt(kTouch);
-  if (!st || !touch) return ERROR_REGISTRY_IO_FAILED;
-  int step = s.exec(kBegin);
-  if (step != SQLITE_DONE) return sqliteStatus(step);
-  {
-    StmtUse use(st);
-    sqlite3_bind_int64(st, 1, ref.id);
-    sqlite3_bind_text(st, 2, nameView.data(), static_cast<int>(nameView.size()), SQLITE_STATIC);
-    sqlite3_bind_text(st, 3, nameFold.data(), static_cast<int>(nameFold.size()), SQLITE_STATIC);
-    sqlite3_bind_int64(st, 4, type);
-    sqlite3_bind_blob(st, 5, bytes.data(), static_cast<int>(bytes.size()), SQLITE_STATIC);
-    step = sqlite3_step(st);
-  }
-  if (step == SQLITE_DONE) {
-    StmtUse use(touch);
-    sqlite3_bind_int64(touch, 1, ref.id);
-    sqlite3_bind_int64(touch, 2, nowFileTime());
-    step = sqlite3_step(touch);
-  }
-  return finishWrite(s, step);
+  if (!st) return ERROR_REGISTRY_IO_FAILED;
+  // One statement is one transaction: readers see the old value or the new
+  // one, never a part.
+  StmtUse use(st);
+  sqlite3_bind_int64(st, 1, ref.id);
+  sqlite3_bind_text(st, 2, nameView.data(), static_cast<int>(nameView.size()), SQLITE_STATIC);
+  sqlite3_bind_text(st, 3, nameFold.data(), static_cast<int>(nameFold.size()), SQLITE_STATIC);
+  sqlite3_bind_int64(st, 4, type);
+  sqlite3_bind_blob(st, 5, bytes.data(), static_cast<int>(bytes.size()), SQLITE_STATIC);
+  return sqliteStatus(sqlite3_step(st));
 }
 
 LONG RegEnumKeyExA(HKEY key, DWORD index, LPSTR name, DWORD* nameChars, DWORD* reserved,
@@ -961,8 +960,8 @@ DWORD ExpandEnvironmentStringsA(LPCSTR src, LPSTR dst, DWORD size) {
     } else {
       // Not a variable: keep the first '%' and look again from the second.
       out.push_back('%');
+      out.append(name);
       s.remove_prefix(end);
-      if (name.empty()) s.remove_prefix(1);
     }
   }
   DWORD need = static_cast<DWORD>(out.size() + 1);
