@@ -182,7 +182,8 @@ TYPED_TEST(AllFlavours, CopiesShareAndWritesUnshare) {
   TypeParam c;
   c = a;
   EXPECT_EQ(TA::Count(a), 2);
-  c = c;  // self-assignment keeps the count
+  TypeParam& alias = c;
+  c = alias;  // self-assignment keeps the count
   EXPECT_EQ(TA::Count(a), 2);
   TypeParam d(std::move(c));
   EXPECT_TRUE(TA::OnEmptyBuffer(c));
