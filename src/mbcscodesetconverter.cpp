@@ -33,12 +33,6 @@ namespace {
 
 constexpr size_t kNoLimit = static_cast<size_t>(-1);
 
-size_t boundedLength(char const* s, size_t n) {
-  if (n == kNoLimit) return std::strlen(s);
-  void const* z = std::memchr(s, 0, n);
-  return z ? static_cast<size_t>(static_cast<char const*>(z) - s) : n;
-}
-
 size_t boundedLength(WChar const* s, size_t n) {
   size_t i = 0;
   while (i < n && s[i] != 0) ++i;
@@ -92,6 +86,12 @@ std::string fromWide32Slow(wchar_t const* w) {
 }
 
 }  // namespace
+
+size_t boundedLength(char const* s, size_t n) {
+  if (n == kNoLimit) return std::strlen(s);
+  void const* z = std::memchr(s, 0, n);
+  return z ? static_cast<size_t>(static_cast<char const*>(z) - s) : n;
+}
 
 bool isUtf8Locale() {
   char const* cs = nl_langinfo(CODESET);
@@ -324,8 +324,33 @@ UConverter* converterFor(MBCSCodesetConverter::ExplicitCodeset cs) {
   return converters.get(slot);
 }
 
+// ICU's table for code page 932 swaps three control codes the IBM way
+// (byte 1A is U+001C, 1C is U+007F, 7F is U+001A); the code page itself
+// maps every byte below 0x80 to the same code point. These undo the swap
+// after decoding and before encoding; the three bytes are never trail
+// bytes, so a unit of these values always stands for one whole byte.
+WChar undoControlSwapDecoded(WChar u) {
+  switch (u) {
+    case 0x1C: return 0x1A;
+    case 0x7F: return 0x1C;
+    case 0x1A: return 0x7F;
+    default: return u;
+  }
+}
+
+WChar applyControlSwapForEncoding(WChar u) {
+  switch (u) {
+    case 0x1A: return 0x1C;
+    case 0x1C: return 0x7F;
+    case 0x7F: return 0x1A;
+    default: return u;
+  }
+}
+
+bool isSwappedControl(WChar u) { return u == 0x1A || u == 0x1C || u == 0x7F; }
+
 void traceWarning(int line, char const* text) {
-  spdlog::warn("mbcscodesetconverter({}): {}", line, text);
+  spdlog::debug("mbcscodesetconverter({}): {}", line, text);
 }
 
 bool knownCodeset(MBCSCodesetConverter::ExplicitCodeset cs) {
@@ -352,6 +377,8 @@ bool MBCSCodesetConverter::CodePageToUTF16(ExplicitCodeset cs, char const* bytes
   }
   if (U_FAILURE(ec)) return false;
   out.resize(static_cast<size_t>(len));
+  if (cs == ECS_ShiftJIS)
+    for (auto& u : out) u = undoControlSwapDecoded(u);
   return true;
 }
 
@@ -359,6 +386,12 @@ bool MBCSCodesetConverter::UTF16ToCodePage(ExplicitCodeset cs, WChar const* text
                                            std::string& out) {
   UConverter* const c = converterFor(cs);
   if (c == nullptr || n > INT32_MAX / 4) return false;
+  std::u16string swapped;
+  if (cs == ECS_ShiftJIS && std::any_of(text, text + n, isSwappedControl)) {
+    swapped.assign(text, n);
+    for (auto& u : swapped) u = applyControlSwapForEncoding(u);
+    text = swapped.data();
+  }
   out.resize(n * 2 + 1);
   UErrorCode ec = U_ZERO_ERROR;
   auto const* src = reinterpret_cast<UChar const*>(text);
@@ -383,7 +416,9 @@ std::string MBCSCodesetConverter::ExplicitCodesetToLocale(char const* bytes, siz
     QL_REPORT("0", kNoMessage);
     return std::string();
   }
-  if (bytes == nullptr || n == 0) return std::string();
+  if (bytes == nullptr) return std::string();
+  n = localeconv::boundedLength(bytes, n);
+  if (n == 0) return std::string();
   if (cs == ECS_Native) return std::string(bytes, n);
   std::u16string wide;
   if (cs == ECS_UTF8) {
@@ -409,7 +444,9 @@ SSimpleBuffer MBCSCodesetConverter::LocaleToExplicitCodeset(char const* text, si
     QL_REPORT("0", kNoMessage);
     return out;
   }
-  if (text == nullptr || n == 0) return out;
+  if (text == nullptr) return out;
+  n = localeconv::boundedLength(text, n);
+  if (n == 0) return out;
   auto const* bytes = reinterpret_cast<unsigned char const*>(text);
   if (cs == ECS_Native) {
     out.append(bytes, static_cast<unsigned>(n), static_cast<unsigned>(-1));

@@ -118,6 +118,15 @@ TEST_F(CodesetUtf8Locale, Latin1IsExactly1252ForEveryByte) {
   }
 }
 
+TEST_F(CodesetUtf8Locale, AsciiBytesAreThemselvesInEveryCodePage) {
+  std::string ascii;
+  for (int b = 1; b < 0x80; ++b) ascii.push_back(static_cast<char>(b));
+  for (auto cs : {MB::ECS_Windows1252, MB::ECS_Latin1, MB::ECS_Latin9, MB::ECS_ShiftJIS}) {
+    EXPECT_EQ(toLocale(ascii, cs), ascii) << cs;
+    EXPECT_EQ(fromLocale(ascii, cs), ascii) << cs;
+  }
+}
+
 TEST_F(CodesetUtf8Locale, RoundTripsEveryMappedByte) {
   for (auto cs : {MB::ECS_Windows1252, MB::ECS_Latin9}) {
     for (int b = 0x20; b < 256; ++b) {

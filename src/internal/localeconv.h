@@ -28,6 +28,9 @@ class ErrnoGuard {
   int saved_;
 };
 
+// Bytes before the first zero byte among the first n ((size_t)-1: strlen).
+QUENLIB_API size_t boundedLength(char const* s, size_t n);
+
 // True when the current locale's multibyte code set is UTF-8.
 QUENLIB_API bool isUtf8Locale();
 

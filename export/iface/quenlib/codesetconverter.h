@@ -83,7 +83,8 @@ class QUENLIB_API MBCSCodesetConverter {
   // Locale text to bytes in `cs` (not zero-terminated).
   static SSimpleBuffer TToExplicitCodeset(SAnsiString const& text, ExplicitCodeset cs);
 
-  // The same on counted arrays: the string forms are built on these.
+  // The same on counted arrays (stopping early at a zero byte, as the
+  // string forms do): the string forms are built on these.
   static std::string ExplicitCodesetToLocale(char const* bytes, size_t n, ExplicitCodeset cs);
   static SSimpleBuffer LocaleToExplicitCodeset(char const* text, size_t n, ExplicitCodeset cs);
 
