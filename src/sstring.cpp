@@ -23,6 +23,10 @@
 #include <string>
 #include <type_traits>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace QuenLibA500 {
 
 char const* SBadAlloc::what() const noexcept { return "bad allocation"; }
@@ -955,10 +959,8 @@ bool MatchAt(Unit const* p, Unit const* needle, unsigned n) {
     Unit const* q = needle;
     Unit const* qEnd = needle + n;
     while (q < qEnd) {
-      int lq = MbLen(q), lp = MbLen(p);
-      unsigned sq = lq < 0 ? 1 : static_cast<unsigned>(lq);
-      unsigned sp = lp < 0 ? 1 : static_cast<unsigned>(lp);
-      if (lq == 0 || sq != sp || std::memcmp(p, q, sq) != 0) return false;
+      unsigned sq = S::StepLength(q);
+      if (sq == 0 || sq != S::StepLength(p) || std::memcmp(p, q, sq) != 0) return false;
       p += sq;
       q += sq;
     }
@@ -966,8 +968,61 @@ bool MatchAt(Unit const* p, Unit const* needle, unsigned n) {
   }
 }
 
+// First byte at or after p (before end) that is 0x80 or above; end if none.
+char const* NextHighByte(char const* p, char const* end) {
+#if defined(__SSE2__)
+  while (end - p >= 16) {
+    __m128i v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
+    if (int m = _mm_movemask_epi8(v)) return p + __builtin_ctz(static_cast<unsigned>(m));
+    p += 16;
+  }
+#endif
+  constexpr uint64_t kHigh = 0x8080808080808080ull;
+  while (end - p >= 8) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    if (uint64_t m = v & kHigh) return p + (__builtin_ctzll(m) >> 3);
+    p += 8;
+  }
+  while (p < end && static_cast<unsigned char>(*p) < 0x80) ++p;
+  return p;
+}
+
+// Multibyte search. Runs of bytes below 0x80 are one-byte characters, so
+// every position in them is a character boundary: a needle of such bytes
+// only can be searched in a run as plain bytes, and the candidates of any
+// other needle found with memchr. Bytes from 0x80 up are stepped with the
+// locale.
+template <class S>
+char const* FindMultibyte(char const* h, char const* end, char const* needle, unsigned n) {
+  unsigned char first = static_cast<unsigned char>(needle[0]);
+  bool asciiNeedle = NextHighByte(needle, needle + n) == needle + n;
+  char const* p = h;
+  while (p < end) {
+    if (static_cast<unsigned char>(*p) < 0x80) {
+      char const* hi = NextHighByte(p, end);
+      if (asciiNeedle) {
+        if (void const* m = ::memmem(p, static_cast<size_t>(hi - p), needle, n))
+          return static_cast<char const*>(m);
+      } else if (first < 0x80) {
+        for (char const* c = p; c < hi; ++c) {
+          c = static_cast<char const*>(std::memchr(c, first, static_cast<size_t>(hi - c)));
+          if (!c) break;
+          if (MatchAt<S>(c, needle, n)) return c;
+        }
+      }
+      p = hi;
+      continue;
+    }
+    if (static_cast<unsigned char>(*p) == first && MatchAt<S>(p, needle, n)) return p;
+    p += S::StepLength(p);
+  }
+  return end;
+}
+
 // First match of needle in [h, hEnd) (hEnd null: up to the terminator);
-// the end (hEnd, or the terminator) when there is none.
+// the end (hEnd, or the terminator) when there is none. The text ends at
+// its first zero unit in any case.
 template <class S, class Unit>
 Unit const* FindUnits(Unit const* h, Unit const* hEnd, Unit const* needle, unsigned n) {
   if constexpr (!S::kMultibyte) {
@@ -984,19 +1039,9 @@ Unit const* FindUnits(Unit const* h, Unit const* hEnd, Unit const* needle, unsig
       return hEnd;
     }
   } else {
-    Unit const* p = h;
-    unsigned char first = static_cast<unsigned char>(needle[0]);
-    for (;;) {
-      unsigned char b = static_cast<unsigned char>(*p);
-      if (b == 0) return p;
-      if (n != 0 && b == first && MatchAt<S>(p, needle, n)) return p;
-      if (b < 0x80) {
-        ++p;
-      } else {
-        int l = MbLen(p);
-        p += l < 0 ? 1 : l;
-      }
-    }
+    Unit const* end = h + (hEnd ? ::strnlen(h, static_cast<size_t>(hEnd - h)) : std::strlen(h));
+    if (n == 0) return end;
+    return FindMultibyte<S>(h, end, needle, n);
   }
 }
 

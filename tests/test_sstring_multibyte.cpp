@@ -131,6 +131,41 @@ TEST_F(Utf8, FindMatchesOnlyAtCharacterBoundaries) {
   EXPECT_TRUE(twice.findLast(MbChar("\xE2\x82\xAC", 3)).isAtEnd());
 }
 
+// Reference search: try every character boundary, compare character by
+// character with the iterators.
+SAnsiString::iterator NaiveFind(SAnsiString const& hay, SAnsiString const& needle) {
+  SAnsiString::iterator end(hay.getString() + hay.getLength());
+  if (needle.isEmpty()) return end;
+  for (SAnsiString::iterator at(hay); !at.isAtEnd(); ++at) {
+    SAnsiString::iterator h(at), n(needle);
+    while (!n.isAtEnd() && *h == *n) {
+      ++h;
+      ++n;
+    }
+    if (n.isAtEnd()) return at;
+  }
+  return end;
+}
+
+TEST_F(Utf8, FindAgreesWithCharacterByCharacterSearch) {
+  // Mixed one-byte, multibyte, invalid and truncated pieces, long enough
+  // for the vectorised scanning of one-byte runs to matter.
+  char const* pieces[] = {"a", "b", "ab", "\xC3\xA9", "\xE2\x82\xAC", "\xFF", "\xC3", "\xA9", "xyzxyzxyzxyzxyzxyz"};
+  unsigned seed = 12345;
+  auto next = [&seed] { return (seed = seed * 1103515245u + 12345u) >> 16; };
+  for (int round = 0; round < 400; ++round) {
+    std::string h, n;
+    for (unsigned i = 0, k = next() % 40; i < k; ++i) h += pieces[next() % 9];
+    for (unsigned i = 0, k = 1 + next() % 3; i < k; ++i) n += pieces[next() % 9];
+    SAnsiString hay(h.c_str()), needle(n.c_str());
+    ASSERT_EQ(hay.find(needle), NaiveFind(hay, needle)) << "round " << round;
+    SAnsiString::iterator from(hay);
+    from += 3;
+    SAnsiString rest = hay.mid(from);
+    EXPECT_EQ(from.find(needle) - from, NaiveFind(rest, needle) - SAnsiString::iterator(rest));
+  }
+}
+
 TEST_F(Utf8, SetAtChangesByteLengthAndKeepsTheTail) {
   SAnsiString s("abc");
   SAnsiString copy(s);

@@ -451,7 +451,10 @@ class QUENLIB_API SString_t {
     // The address test is redundant with the marker but lets the compiler
     // see that the static empty buffer is never freed.
     if (!b || b == GetEmptyBuffer() || IsEmptyBuffer(*b)) return;
-    if (b->count.exchangeDec() == 1) std::free(b);
+    // A sole owner frees without the atomic decrement: nobody else can take
+    // a reference, since that would need this very string object. The
+    // acquiring read orders the other owners' last accesses before the free.
+    if (b->count.read() == 1 || b->count.exchangeDec() == 1) std::free(b);
   }
   void setBuffer(SStringBuffer* b) noexcept {
     if (b == m_buffer) return;

@@ -1,0 +1,195 @@
+// String core against std::string / std::u16string: copying, appending one
+// character at a time, substring search and sorting.
+#include <quenlib/sstring.h>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace QuenLibA500;
+
+namespace {
+
+std::string RandomText(size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::uniform_int_distribution<int> letter('a', 'z');
+  std::string s(n, ' ');
+  for (char& c : s) c = static_cast<char>(letter(rng));
+  return s;
+}
+
+std::u16string Widen(std::string const& s) { return std::u16string(s.begin(), s.end()); }
+
+// ---- copying a 1 KiB string (construct the copy, then destroy it)
+
+void BM_Copy1KiB_SAnsiString(benchmark::State& state) {
+  SAnsiString src(RandomText(1024, 1).c_str());
+  for (auto _ : state) {
+    SAnsiString copy(src);
+    benchmark::DoNotOptimize(copy.getString());
+  }
+}
+BENCHMARK(BM_Copy1KiB_SAnsiString);
+
+void BM_Copy1KiB_StdString(benchmark::State& state) {
+  std::string src = RandomText(1024, 1);
+  benchmark::DoNotOptimize(src.data());
+  for (auto _ : state) {
+    std::string copy(src);
+    benchmark::DoNotOptimize(copy.data());
+  }
+}
+BENCHMARK(BM_Copy1KiB_StdString);
+
+void BM_Copy1KiB_SWCharString(benchmark::State& state) {
+  SWCharString src(Widen(RandomText(1024, 1)).c_str());
+  for (auto _ : state) {
+    SWCharString copy(src);
+    benchmark::DoNotOptimize(copy.getString());
+  }
+}
+BENCHMARK(BM_Copy1KiB_SWCharString);
+
+void BM_Copy1KiB_StdU16String(benchmark::State& state) {
+  std::u16string src = Widen(RandomText(1024, 1));
+  benchmark::DoNotOptimize(src.data());
+  for (auto _ : state) {
+    std::u16string copy(src);
+    benchmark::DoNotOptimize(copy.data());
+  }
+}
+BENCHMARK(BM_Copy1KiB_StdU16String);
+
+// ---- appending one character a million times
+
+constexpr int kAppends = 1000000;
+
+void BM_Append1M_SAnsiString(benchmark::State& state) {
+  for (auto _ : state) {
+    SAnsiString s;
+    for (int i = 0; i < kAppends; ++i) s += 'a';
+    benchmark::DoNotOptimize(s.getString());
+  }
+  state.SetItemsProcessed(state.iterations() * kAppends);
+}
+BENCHMARK(BM_Append1M_SAnsiString)->Unit(benchmark::kMillisecond);
+
+void BM_Append1M_StdString(benchmark::State& state) {
+  for (auto _ : state) {
+    std::string s;
+    for (int i = 0; i < kAppends; ++i) s += 'a';
+    benchmark::DoNotOptimize(s.data());
+  }
+  state.SetItemsProcessed(state.iterations() * kAppends);
+}
+BENCHMARK(BM_Append1M_StdString)->Unit(benchmark::kMillisecond);
+
+void BM_Append1M_SWCharString(benchmark::State& state) {
+  for (auto _ : state) {
+    SWCharString s;
+    for (int i = 0; i < kAppends; ++i) s += u'a';
+    benchmark::DoNotOptimize(s.getString());
+  }
+  state.SetItemsProcessed(state.iterations() * kAppends);
+}
+BENCHMARK(BM_Append1M_SWCharString)->Unit(benchmark::kMillisecond);
+
+void BM_Append1M_StdU16String(benchmark::State& state) {
+  for (auto _ : state) {
+    std::u16string s;
+    for (int i = 0; i < kAppends; ++i) s += u'a';
+    benchmark::DoNotOptimize(s.data());
+  }
+  state.SetItemsProcessed(state.iterations() * kAppends);
+}
+BENCHMARK(BM_Append1M_StdU16String)->Unit(benchmark::kMillisecond);
+
+// ---- find of a 16-byte needle in 1 MiB (the needle sits at the very end)
+
+constexpr size_t kHay = 1 << 20;
+
+std::string Haystack() {
+  std::string h = RandomText(kHay - 16, 2);
+  return h + "needle-0123456Z";
+}
+std::string const kNeedle = "needle-0123456Z";
+
+void BM_Find1MiB_SAnsiString(benchmark::State& state) {
+  SAnsiString hay(Haystack().c_str()), needle(kNeedle.c_str());
+  for (auto _ : state) benchmark::DoNotOptimize(hay.find(needle));
+  state.SetBytesProcessed(state.iterations() * kHay);
+}
+BENCHMARK(BM_Find1MiB_SAnsiString)->Unit(benchmark::kMicrosecond);
+
+void BM_Find1MiB_SAsciiString(benchmark::State& state) {
+  SAsciiString hay(Haystack().c_str()), needle(kNeedle.c_str());
+  for (auto _ : state) benchmark::DoNotOptimize(hay.find(needle));
+  state.SetBytesProcessed(state.iterations() * kHay);
+}
+BENCHMARK(BM_Find1MiB_SAsciiString)->Unit(benchmark::kMicrosecond);
+
+void BM_Find1MiB_StdString(benchmark::State& state) {
+  std::string hay = Haystack();
+  for (auto _ : state) benchmark::DoNotOptimize(hay.find(kNeedle));
+  state.SetBytesProcessed(state.iterations() * kHay);
+}
+BENCHMARK(BM_Find1MiB_StdString)->Unit(benchmark::kMicrosecond);
+
+void BM_Find1MiB_SWCharString(benchmark::State& state) {
+  SWCharString hay(Widen(Haystack()).c_str()), needle(Widen(kNeedle).c_str());
+  for (auto _ : state) benchmark::DoNotOptimize(hay.find(needle));
+  state.SetBytesProcessed(state.iterations() * kHay * 2);
+}
+BENCHMARK(BM_Find1MiB_SWCharString)->Unit(benchmark::kMicrosecond);
+
+void BM_Find1MiB_StdU16String(benchmark::State& state) {
+  std::u16string hay = Widen(Haystack()), needle = Widen(kNeedle);
+  for (auto _ : state) benchmark::DoNotOptimize(hay.find(needle));
+  state.SetBytesProcessed(state.iterations() * kHay * 2);
+}
+BENCHMARK(BM_Find1MiB_StdU16String)->Unit(benchmark::kMicrosecond);
+
+// ---- sorting 100,000 random strings (5 to 30 letters)
+
+constexpr int kSortCount = 100000;
+
+std::vector<std::string> SortInput() {
+  std::mt19937 rng(3);
+  std::uniform_int_distribution<int> len(5, 30);
+  std::vector<std::string> v;
+  v.reserve(kSortCount);
+  for (int i = 0; i < kSortCount; ++i) v.push_back(RandomText(static_cast<size_t>(len(rng)), rng()));
+  return v;
+}
+
+void BM_Sort100k_SAnsiString(benchmark::State& state) {
+  std::vector<SAnsiString> input;
+  for (auto const& s : SortInput()) input.emplace_back(s.c_str());
+  for (auto _ : state) {
+    state.PauseTiming();
+    std::vector<SAnsiString> v = input;  // shares the buffers
+    state.ResumeTiming();
+    std::sort(v.begin(), v.end());
+    benchmark::DoNotOptimize(v.data());
+  }
+}
+BENCHMARK(BM_Sort100k_SAnsiString)->Unit(benchmark::kMillisecond);
+
+void BM_Sort100k_StdString(benchmark::State& state) {
+  std::vector<std::string> input = SortInput();
+  for (auto _ : state) {
+    state.PauseTiming();
+    std::vector<std::string> v = input;
+    state.ResumeTiming();
+    std::sort(v.begin(), v.end());
+    benchmark::DoNotOptimize(v.data());
+  }
+}
+BENCHMARK(BM_Sort100k_StdString)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
