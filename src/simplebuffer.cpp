@@ -12,7 +12,7 @@
 
 #include "internal/assert.h"
 
-#include <spdlog/spdlog.h>
+#include <quenlib/slogger.h>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -37,8 +37,8 @@ constexpr char const* kNoMessage = nullptr;
 
 using Record = SSimpleBuffer::SSimpleInternalBuffer;
 
-void traceWarning(int line, std::string const& text) {
-  spdlog::warn("simplebuffer({}): {}", line, text);
+void trace(SLogger::tracelevel level, int line, char const* text) {
+  if (SLogger::ShouldTrace(level, __FILE__, line)) SLogger::Trace(level, text, __FILE__, line);
 }
 
 // "%1"/"%2" filled with the path and the system's reason for errno e.
@@ -198,9 +198,11 @@ void SSimpleBuffer::ReleaseBuffer(Record* r) {
   } else {
     dealloc(r->data);
   }
-  if (r->deleteFileOnRelease && !r->fileName.empty() && ::unlink(r->fileName.c_str()) != 0) {
-    traceWarning(__LINE__, fileMessage("SSimpleBuffer could not delete file %1. Reason is: %2.\n",
-                                       r->fileName.c_str(), errno));
+  if (r->deleteFileOnRelease && !r->fileName.isEmpty() && ::unlink(r->fileName.getString()) != 0) {
+    trace(SLogger::tl_Warning, __LINE__,
+          fileMessage("SSimpleBuffer could not delete file %1. Reason is: %2.\n",
+                      r->fileName.getString(), errno)
+              .c_str());
   }
   delete r;
 }
@@ -383,12 +385,10 @@ unsigned char* SSimpleBuffer::detach() {
   }
   if (IsEmptyBuffer(buffer)) return nullptr;
   if (buffer->mapped || buffer->refCount.read() >= 2) {
-    spdlog::debug("simplebuffer({}): SSimpleBuffer::detach() copying buffer before detaching",
-                  __LINE__);
+    trace(SLogger::tl_L, __LINE__, "SSimpleBuffer::detach() copying buffer before detaching");
     Record* const old = buffer;
     if (!allocBuffer(old->bytesUsed)) {
-      spdlog::debug("simplebuffer({}): DetachableSSimpleBuffer:: memory allocation failure?",
-                    __LINE__);
+      trace(SLogger::tl_L, __LINE__, "DetachableSSimpleBuffer:: memory allocation failure?");
       buffer = &EmptyBuffer;
       ReleaseBuffer(old);
       return nullptr;
@@ -490,15 +490,31 @@ bool SSimpleBuffer::loadFromFileEx(char const* path, bool mapFile, bool deleteFi
   return loadInto(path, mapFile, deleteFileOnRelease, offset, length);
 }
 
+bool SSimpleBuffer::loadFromFile(SAnsiString const& path, bool mapFile,
+                                 bool deleteFileOnRelease) {
+  return loadInto(path.getString(), mapFile, deleteFileOnRelease, 0, kNone);
+}
+
+bool SSimpleBuffer::loadFromFileEx(SAnsiString const& path, bool mapFile,
+                                   bool deleteFileOnRelease, unsigned int offset,
+                                   unsigned int length) {
+  return loadInto(path.getString(), mapFile, deleteFileOnRelease, offset, length);
+}
+
+bool SSimpleBuffer::saveToFile(SAnsiString const& path, bool sync) const {
+  return saveToFile(path.getString(), sync);
+}
+
 bool SSimpleBuffer::saveToFile(char const* path, bool sync) const {
   if (path == nullptr || *path == 0) return false;
   std::string const target = path;
   std::string tmp = target + ".XXXXXX";
   int const fd = ::mkostemp(tmp.data(), O_CLOEXEC);
   if (fd < 0) {
-    traceWarning(__LINE__, fileMessage("SSimpleBuffer::saveToFile: could not open file %1 for "
-                                       "writing.  Reason: %2.",
-                                       path, errno));
+    trace(SLogger::tl_Warning, __LINE__,
+          fileMessage("SSimpleBuffer::saveToFile: could not open file %1 for writing.  Reason: %2.",
+                      path, errno)
+              .c_str());
     return false;
   }
   // The new file takes the permissions of the one it replaces, or the
@@ -520,9 +536,10 @@ bool SSimpleBuffer::saveToFile(char const* path, bool sync) const {
   if (err == 0 && ::rename(tmp.c_str(), path) != 0) err = errno;
   if (err != 0) {
     ::unlink(tmp.c_str());
-    traceWarning(__LINE__, fileMessage("SSimpleBuffer::saveToFile: could not write to file %1.  "
-                                       "Reason: %2",
-                                       path, err));
+    trace(SLogger::tl_Warning, __LINE__,
+          fileMessage("SSimpleBuffer::saveToFile: could not write to file %1.  Reason: %2", path,
+                      err)
+              .c_str());
     return false;
   }
   if (sync) {

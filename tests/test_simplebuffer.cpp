@@ -1,5 +1,6 @@
 // SSimpleBuffer: sharing, growth rules, the faulty construction, detach,
 // comparison and the file side.
+#include <quenlib/paramlineargs.h>
 #include <quenlib/simplebuffer.h>
 #include <quenlib/slogger.h>
 
@@ -18,6 +19,15 @@ using namespace QuenLibA500;
 namespace {
 
 constexpr unsigned kNone = static_cast<unsigned>(-1);
+
+struct TraceLog {
+  std::vector<std::string> lines;
+  static void observe(void* ctx, int, char const* file, int, char const* text) {
+    static_cast<TraceLog*>(ctx)->lines.push_back(std::string(file) + ": " + text);
+  }
+  TraceLog() { SetTraceObserver(&observe, this); }
+  ~TraceLog() { SetTraceObserver(nullptr, nullptr); }
+};
 
 struct AssertLog {
   std::vector<std::string> conditions;
@@ -294,10 +304,39 @@ TEST(SimpleBufferFile, SaveReplacesAtomicallyAndKeepsMode) {
   ::unlink(path.c_str());
 }
 
-TEST(SimpleBufferFile, SaveIntoMissingDirectoryFails) {
+TEST(SimpleBufferFile, SaveIntoMissingDirectoryFailsWithItsMessage) {
   SSimpleBuffer b = make({1});
-  EXPECT_FALSE(b.saveToFile("/nonexistent-dir-quenlib/x.bin", false));
+  TraceLog log;
+  EXPECT_FALSE(b.saveToFile(SAnsiString("/nonexistent-dir-quenlib/x.bin"), false));
   EXPECT_FALSE(b.saveToFile("", false));
+  EXPECT_EQ(log.lines, std::vector<std::string>{
+                           "simplebuffer: SSimpleBuffer::saveToFile: could not open file "
+                           "/nonexistent-dir-quenlib/x.bin for writing.  Reason: No such file or "
+                           "directory."});
+}
+
+TEST(SimpleBufferFile, DeleteFailureIsTraced) {
+  std::string const path = tempPath("vanishing");
+  writeFile(path, "x");
+  TraceLog log;
+  {
+    SSimpleBuffer a;
+    ASSERT_TRUE(a.loadFromFile(SAnsiString(path.c_str()), false, true));
+    ::unlink(path.c_str());
+  }
+  EXPECT_EQ(log.lines, std::vector<std::string>{"simplebuffer: SSimpleBuffer could not delete file " +
+                                                path + ". Reason is: No such file or directory.\n"});
+}
+
+TEST(SimpleBuffer, DetachOfSharedRecordIsTraced) {
+  ASSERT_TRUE(SLogger::Initialize(CParamLineArgs("prog -trace l"), false));
+  TraceLog log;
+  SSimpleBuffer a = make({1, 2});
+  SSimpleBuffer b(a);
+  SSimpleBuffer::dealloc(b.detach());
+  SLogger::Terminate();
+  EXPECT_EQ(log.lines, std::vector<std::string>{
+                           "simplebuffer: SSimpleBuffer::detach() copying buffer before detaching"});
 }
 
 TEST(SimpleBufferFile, LoadRanges) {
@@ -334,7 +373,7 @@ TEST(SimpleBufferFile, MappedBufferCopiesOnWriteAndNeverTouchesTheFile) {
   SSimpleBuffer b;
   ASSERT_TRUE(b.loadFromFileEx(path.c_str(), true, false, 5000, 100));
   EXPECT_TRUE(b.getRecord()->IsMapped());
-  EXPECT_EQ(b.getRecord()->fileName, path);
+  EXPECT_EQ(std::string(b.getRecord()->fileName.getString()), path);
   b.getBuffer(kNone)[0] = 'X';
   unsigned char const more = 'Z';
   b.append(&more, 1, kNone);

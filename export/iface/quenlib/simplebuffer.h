@@ -49,9 +49,9 @@
 
 #include <quenlib/quenlib_export.h>
 #include <quenlib/sinterlocked.h>
+#include <quenlib/sstring.h>
 
 #include <cstdint>
-#include <string>
 
 namespace QuenLibA500 {
 
@@ -66,7 +66,7 @@ class QUENLIB_API SSimpleBuffer {
     bool mapped = false;
     bool deleteFileOnRelease = false;
     // The file behind a mapping or to be deleted; empty otherwise.
-    std::string fileName;
+    SAnsiString fileName;
     // The open descriptor of the mapped file, -1 when none.
     int32_t mapHandle = -1;
     // Distance from the page-aligned start of the mapping to data, 0 when
@@ -76,6 +76,7 @@ class QUENLIB_API SSimpleBuffer {
     // Maps the whole file at path read-write private; false on failure
     // (the record is then unchanged). The record must not hold data yet.
     bool Map(char const* path);
+    bool Map(SAnsiString const& path) { return Map(path.getString()); }
     // Maps `length` bytes from `offset` ((unsigned)-1: to the end).
     bool MapRange(char const* path, uint32_t offset, uint32_t length);
     // Unmaps and closes; the record is then without data.
@@ -132,6 +133,10 @@ class QUENLIB_API SSimpleBuffer {
   bool operator!=(SSimpleBuffer const& other) const { return !(*this == other); }
   bool operator<(SSimpleBuffer const& other) const { return compare(other) < 0; }
 
+  bool loadFromFile(SAnsiString const& path, bool mapFile, bool deleteFileOnRelease);
+  bool loadFromFileEx(SAnsiString const& path, bool mapFile, bool deleteFileOnRelease,
+                      unsigned int offset, unsigned int length);
+  bool saveToFile(SAnsiString const& path, bool sync) const;
   bool loadFromFile(char const* path, bool mapFile, bool deleteFileOnRelease);
   bool loadFromFileEx(char const* path, bool mapFile, bool deleteFileOnRelease,
                       unsigned int offset, unsigned int length);
