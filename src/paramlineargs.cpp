@@ -201,6 +201,23 @@ std::vector<std::string> CParamLineArgs::OptionNames() const {
   return out;
 }
 
+bool CParamLineArgs::GetValue(char const* name, SAnsiString& value) const {
+  std::string v;
+  if (!FindValue(name, v)) return false;
+  value = SAnsiString(v.data(), static_cast<unsigned>(v.size()));
+  return true;
+}
+
+SAnsiString CParamLineArgs::GetValue(char const* name) const {
+  std::string const v = Value(name);
+  return SAnsiString(v.data(), static_cast<unsigned>(v.size()));
+}
+
+SAnsiString CParamLineArgs::GetCmdLine() const {
+  std::string const v = CmdLine();
+  return SAnsiString(v.data(), static_cast<unsigned>(v.size()));
+}
+
 std::vector<std::pair<std::string, std::string>> CParamLineArgs::Options() const {
   std::vector<std::pair<std::string, std::string>> out;
   forEachOption([&](Option const& o) { out.emplace_back(o.name, o.value); });

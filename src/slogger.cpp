@@ -258,4 +258,48 @@ std::string afterIncoming() {
 
 }  // namespace interception
 
+namespace {
+
+SAnsiString ansi(std::string const& s) { return SAnsiString(s.data(), static_cast<unsigned>(s.size())); }
+std::string plain(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
+
+}  // namespace
+
+void SLogger::Trace(tracelevel level, SAnsiString const& text, char const* file, int line, unsigned int depth) {
+  TraceBridge::Trace(level, std::string_view(text.getString(), text.getLength()), file, line, depth);
+}
+
+void SLogger::Log(loglevel level, logcategory category, DWORD id, SIArray<SAnsiString> const& args) {
+  if (!ShouldTrace(traceLevelOf(level), __FILE__, __LINE__)) return;
+  SIArray<std::string> list;
+  for (SAnsiString const& a : args) list.Add(plain(a));
+  Log(level, category, id, list);
+}
+
+void SLogger::BeforeOutgoingCall(SAnsiString const& call, SAnsiString& passport) {
+  passport = ansi(interception::beforeOutgoing(plain(call)));
+}
+
+void SLogger::AfterOutgoingCall(SAnsiString const& response) {
+  std::string const r = plain(response);
+  interception::afterOutgoing(&r);
+}
+
+void SLogger::AfterOutgoingCallNoResponse() { interception::afterOutgoing(nullptr); }
+
+void SLogger::BeforeIncomingCall(SAnsiString const& call, SAnsiString const& passport) {
+  interception::beforeIncoming(plain(call), plain(passport));
+}
+
+void SLogger::AfterIncomingCall(SAnsiString& passport) { passport = ansi(interception::afterIncoming()); }
+
+void SLogger::SetContextVar(char const* name, SAnsiString const& value) {
+  SetContextVar(name, plain(value).c_str());
+}
+
+SAnsiString SLogger::GetContextVar(char const* name) { return ansi(ContextVar(name)); }
+SAnsiString SLogger::GetActionID() { return ansi(ContextVar(kActionId)); }
+SAnsiString SLogger::GetCmdLine() { return ansi(ContextVar(kCmdLine)); }
+SAnsiString SLogger::GetLogFile() { return ansi(TraceBridge::LogFile()); }
+
 }  // namespace QuenLibA500

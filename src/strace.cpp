@@ -70,6 +70,16 @@ STraceParameter::STraceParameter(void const* p) : kind_(kText) {
   text_ = buf;
 }
 
+STraceParameter::STraceParameter(SAnsiString const& s)
+    : text_(s.getString(), s.getLength()), kind_(kText) {}
+
+STraceParameter::STraceParameter(SChar_t<char, 0> const& c)
+    : text_(c.getData().units, c.getNUnits()), kind_(kText) {}
+
+SAnsiString STraceParameter::GetString() const {
+  return SAnsiString(text_.data(), static_cast<unsigned>(text_.size()));
+}
+
 void STraceParameter::setSigned(long long v) {
   text_ = std::to_string(v);
   bits_ = static_cast<uint64_t>(v);

@@ -23,14 +23,13 @@
 #pragma once
 
 #include <quenlib/quenlib_export.h>
+#include <quenlib/sstring.h>
 
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace QuenLibA500 {
-
-class SAnsiString;
 
 class QUENLIB_API CParamLineArgs {
  public:

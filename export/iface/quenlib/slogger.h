@@ -39,6 +39,7 @@
 
 #include <quenlib/quenlib_export.h>
 #include <quenlib/siarray.h>
+#include <quenlib/sstring.h>
 #include <quenlib/types.h>
 
 #include <atomic>
@@ -48,7 +49,6 @@
 namespace QuenLibA500 {
 
 class CParamLineArgs;
-class SAnsiString;
 
 using AssertObserverFn = void (*)(void* ctx, char const* file, int line,
                                   char const* condition, char const* message);

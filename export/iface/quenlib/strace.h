@@ -11,6 +11,8 @@
 // printf-style conversions ("%s", "%d", "%ld", "%u", "%x", "%c", "%f", with
 // flags, width and precision) which take the parameters in order. "%%" is
 // a percent sign. A placeholder without a parameter stays as written.
+// A digit right after '%' always starts a numbered placeholder: "%5s" is
+// parameter 5 followed by "s"; give a width after a flag ("%-5s", "%05d").
 //
 // Scope traces write an entry line when constructed and an exit line,
 // with the result or error set meanwhile, when destroyed:
@@ -25,6 +27,7 @@
 
 #include <quenlib/quenlib_export.h>
 #include <quenlib/slogger.h>
+#include <quenlib/sstring.h>
 #include <quenlib/types.h>
 
 #include <chrono>
@@ -37,8 +40,6 @@
 
 namespace QuenLibA500 {
 
-class SAnsiString;
-
 // One trace argument, held as text. Integers also keep their value, so
 // that "%x" can show them in hexadecimal. A default-constructed parameter
 // is an empty slot (IsEmpty); any given value, even "", is not.
@@ -46,6 +47,7 @@ class QUENLIB_API STraceParameter {
  public:
   STraceParameter() = default;
   STraceParameter(SAnsiString const& s);
+  STraceParameter(SChar_t<char, 0> const& c);
   STraceParameter(std::string s) : text_(std::move(s)), kind_(kText) {}
   STraceParameter(char const* s);
   STraceParameter(WChar const* s);
