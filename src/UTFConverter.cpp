@@ -9,7 +9,15 @@
 // Runs of ASCII are moved sixteen bytes (or eight UTF-16 units) at a time
 // with SSE2, which every x86-64 processor has; other targets take the
 // scalar path, which gives the same results.
+#include <quenlib/UTFConverter.h>
+
+#include "internal/assert.h"
+#include "internal/localeconv.h"
 #include "internal/utfcore.h"
+
+#include <cstring>
+#include <new>
+#include <vector>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -326,3 +334,199 @@ size_t length(uint32_t const* s) {
 }
 
 }  // namespace QuenLibA500::utf
+
+// ---- CUTFConverter
+//
+// Every member converts into scratch space first and touches its target
+// only on success, so a failed conversion leaves the target as it was.
+
+namespace QuenLibA500 {
+namespace {
+
+constexpr char const* kNoMessage = nullptr;
+
+template <class T>
+CSmartRefCountPtr<UTFBuffer_t<T>> newBuffer(size_t units) {
+  CSmartRefCountPtr<UTFBuffer_t<T>> p(new (std::nothrow) UTFBuffer_t<T>(units));
+  if (!p || p->getBuffer() == nullptr) {
+    QL_REPORT("targetStart", kNoMessage);
+    return nullptr;
+  }
+  return p;
+}
+
+// The shared estimate: pairs count 4 and their low half 3 again.
+template <class Unit>
+unsigned int utf8LengthEstimate(Unit const* p) {
+  unsigned int n = 1;
+  if (p == nullptr) return n;
+  for (; *p != 0; ++p) {
+    uint32_t const c = static_cast<uint32_t>(p[0]);
+    if (c >= 0xD800 && c <= 0xDBFF && static_cast<uint32_t>(p[1]) >= 0xDC00 &&
+        static_cast<uint32_t>(p[1]) <= 0xDFFF) {
+      uint32_t const cp = ((c - 0xD7F7) << 10) + static_cast<uint32_t>(p[1]);
+      n += cp < 0x200000 ? 4 : 2;
+      continue;  // the low half is counted again on the next step
+    }
+    if (c < 0x80) n += 1;
+    else if (c < 0x800) n += 2;
+    else if (c < 0x10000) n += 3;
+    else if (c < 0x200000) n += 4;
+    else n += 2;
+  }
+  return n;
+}
+
+// A fresh buffer holding the UTF-8 form of the n units; null on failure.
+CUTFConverter::ByteBuffer utf16ToUtf8Buffer(WChar const* in, size_t n) {
+  size_t const cap = n * 3 + 1;
+  CUTFConverter::ByteBuffer b = newBuffer<unsigned char>(cap);
+  if (!b) return nullptr;
+  utf::Outcome const r = utf::utf16ToUtf8(in, n, b->getBuffer(), cap - 1);
+  if (r.result != utf::Result::ok) return nullptr;
+  b->setLength(r.written);
+  return b;
+}
+
+}  // namespace
+
+CUTFConverter::CUTFConverter(SAnsiString const& text) { setText(text); }
+
+void CUTFConverter::setText(SAnsiString const& text) {
+  unsigned char* start = nullptr;
+  unsigned char* end = nullptr;
+  if (!ConvertToUTFString(text, start, end)) {
+    m_buffer = nullptr;
+    m_length = 0;
+    return;
+  }
+  m_length = static_cast<unsigned int>(end - start);
+}
+
+unsigned char const* CUTFConverter::getBuffer() const {
+  static unsigned char const kEmpty[1] = {0};
+  return m_buffer ? m_buffer->getBuffer() : kEmpty;
+}
+
+bool CUTFConverter::ConvertToUTFString(SAnsiString const& text, unsigned char*& start,
+                                       unsigned char*& end) {
+  start = end = nullptr;
+  localeconv::ErrnoGuard keep;
+  std::u16string const wide = localeconv::toUtf16(text.getString(), text.getLength());
+  ByteBuffer b = utf16ToUtf8Buffer(wide.data(), wide.size());
+  if (!b) return false;
+  m_buffer = b;
+  start = b->getBuffer();
+  end = start + b->getLength();
+  return true;
+}
+
+bool CUTFConverter::UTF8ToUTF16(unsigned char const* in, SBrimString& out) {
+  if (in == nullptr) {
+    out.empty();
+    return true;
+  }
+  size_t const n = utf::length(in);
+  std::vector<WChar> tmp(n + 1);
+  utf::Outcome const r = utf::utf8ToUtf16(in, n, tmp.data(), n);
+  if (r.result != utf::Result::ok) return false;
+  out = SBrimString(tmp.data(), static_cast<unsigned>(r.written));
+  return true;
+}
+
+bool CUTFConverter::UTF16ToUTF8(SBrimString const& in, ByteBuffer& out) {
+  ByteBuffer b = utf16ToUtf8Buffer(in.getString(), in.getLength());
+  if (!b) return false;
+  out = b;
+  return true;
+}
+
+bool CUTFConverter::UTF16ToUTF8(SBrimString const& in, SSimpleBuffer& out) {
+  size_t const n = in.getLength();
+  if (n == 0) {
+    out.empty();
+    return true;
+  }
+  SSimpleBuffer b;
+  unsigned char* p = b.getBuffer(static_cast<unsigned>(n * 3));
+  if (p == nullptr) {
+    QL_REPORT("targetStart", kNoMessage);
+    return false;
+  }
+  utf::Outcome const r = utf::utf16ToUtf8(in.getString(), n, p, n * 3);
+  if (r.result != utf::Result::ok) return false;
+  b.releaseBuffer(static_cast<unsigned>(r.written));
+  out = b;
+  return true;
+}
+
+bool CUTFConverter::UCS4ToUTF16(unsigned int const* in, SBrimString& out) {
+  if (in == nullptr) {
+    out.empty();
+    return true;
+  }
+  size_t const n = utf::length(in);
+  std::vector<WChar> tmp(n * 2 + 1);
+  utf::Outcome const r = utf::utf32ToUtf16(in, n, tmp.data(), n * 2);
+  if (r.result != utf::Result::ok) return false;
+  out = SBrimString(tmp.data(), static_cast<unsigned>(r.written));
+  return true;
+}
+
+bool CUTFConverter::UTF16ToUCS4(SBrimString const& in, Ucs4Buffer& out) {
+  size_t const n = in.getLength();
+  Ucs4Buffer b = newBuffer<unsigned int>(n + 1);
+  if (!b) return false;
+  utf::Outcome const r = utf::utf16ToUtf32(in.getString(), n, b->getBuffer(), n);
+  if (r.result != utf::Result::ok) return false;
+  b->setLength(r.written);
+  out = b;
+  return true;
+}
+
+unsigned int CUTFConverter::UTF16ToUCS4(WChar const* in, unsigned int* out,
+                                        unsigned int capacity) {
+  size_t const n = in ? utf::length(in) : 0;
+  auto const sizing = static_cast<unsigned int>(n + 1);
+  if (out == nullptr) return sizing;
+  if (n == 0) {
+    if (capacity) out[0] = 0;
+    return 0;
+  }
+  std::memset(out, 0, size_t(capacity) * sizeof(unsigned int));
+  std::vector<unsigned int> tmp(n);
+  utf::Outcome const r = utf::utf16ToUtf32(in, n, tmp.data(), n);
+  if (r.result != utf::Result::ok || r.written > capacity) return sizing;
+  std::memcpy(out, tmp.data(), r.written * sizeof(unsigned int));
+  return static_cast<unsigned int>(r.written);
+}
+
+bool CUTFConverter::UCS4ToUTF8(unsigned int const* in, ByteBuffer& out) {
+  size_t const n = in ? utf::length(in) : 0;
+  ByteBuffer b = newBuffer<unsigned char>(n * 4 + 1);
+  if (!b) return false;
+  utf::Outcome const r = utf::utf32ToUtf8(in, n, b->getBuffer(), n * 4);
+  if (r.result != utf::Result::ok) return false;
+  b->setLength(r.written);
+  out = b;
+  return true;
+}
+
+bool CUTFConverter::UTF8ToUCS4(unsigned char const* in, Ucs4Buffer& out) {
+  size_t const n = in ? utf::length(in) : 0;
+  Ucs4Buffer b = newBuffer<unsigned int>(n + 1);
+  if (!b) return false;
+  utf::Outcome const r = utf::utf8ToUtf32(in, n, b->getBuffer(), n);
+  if (r.result != utf::Result::ok) return false;
+  b->setLength(r.written);
+  out = b;
+  return true;
+}
+
+unsigned int CUTFConverter::UTF16ToUTF8Length(WChar const* p) { return utf8LengthEstimate(p); }
+
+unsigned int CUTFConverter::WideCharToUTF8Length(wchar_t const* p) {
+  return utf8LengthEstimate(p);
+}
+
+}  // namespace QuenLibA500

@@ -12,7 +12,7 @@
 #include "internal/localeconv.h"
 #include "internal/utfcore.h"
 
-#include <spdlog/spdlog.h>
+#include <quenlib/slogger.h>
 #include <unicode/ucnv.h>
 
 #include <langinfo.h>
@@ -350,7 +350,8 @@ WChar applyControlSwapForEncoding(WChar u) {
 bool isSwappedControl(WChar u) { return u == 0x1A || u == 0x1C || u == 0x7F; }
 
 void traceWarning(int line, char const* text) {
-  spdlog::debug("mbcscodesetconverter({}): {}", line, text);
+  if (SLogger::ShouldTrace(SLogger::tl_Warning, __FILE__, line))
+    SLogger::Trace(SLogger::tl_Warning, text, __FILE__, line);
 }
 
 bool knownCodeset(MBCSCodesetConverter::ExplicitCodeset cs) {
@@ -471,6 +472,17 @@ SSimpleBuffer MBCSCodesetConverter::LocaleToExplicitCodeset(char const* text, si
   out.append(reinterpret_cast<unsigned char const*>(bytesOut.data()),
              static_cast<unsigned>(bytesOut.size()), static_cast<unsigned>(-1));
   return out;
+}
+
+SAnsiString MBCSCodesetConverter::ExplicitCodesetToT(char const* bytes, ExplicitCodeset cs) {
+  std::string const text =
+      ExplicitCodesetToLocale(bytes, bytes ? std::strlen(bytes) : 0, cs);
+  return SAnsiString(text.data(), static_cast<unsigned>(text.size()));
+}
+
+SSimpleBuffer MBCSCodesetConverter::TToExplicitCodeset(SAnsiString const& text,
+                                                       ExplicitCodeset cs) {
+  return LocaleToExplicitCodeset(text.getString(), text.getLength(), cs);
 }
 
 }  // namespace QuenLibA500

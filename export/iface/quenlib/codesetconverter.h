@@ -30,14 +30,13 @@
 
 #include <quenlib/quenlib_export.h>
 #include <quenlib/simplebuffer.h>
+#include <quenlib/sstring.h>
 #include <quenlib/types.h>
 
 #include <cstddef>
 #include <string>
 
 namespace QuenLibA500 {
-
-class SAnsiString;
 
 class QUENLIB_API CodesetConverter {
  public:
