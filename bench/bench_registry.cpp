@@ -2,6 +2,7 @@
 // with prepared statements (same journal mode and sync level), in one
 // binary. Stores live in a scratch directory.
 #include <quenlib/regapi.h>
+#include <quenlib/registry.h>
 
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
@@ -179,6 +180,56 @@ void BM_Read1000_SQLite(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kManyValues);
 }
 BENCHMARK(BM_Read1000_SQLite);
+
+// ------------------------------------------------------------ classes
+
+Registry& readRegistry() {
+  readKey();  // fills the values
+  static Registry* r = new Registry("Software\\Bench\\Read", SAnsiStringCI(), HKEY_LOCAL_MACHINE);
+  return *r;
+}
+
+std::vector<SAnsiString> const& ansiNames() {
+  static std::vector<SAnsiString> n = [] {
+    std::vector<SAnsiString> v;
+    for (auto const& s : names()) v.emplace_back(s.c_str());
+    return v;
+  }();
+  return n;
+}
+
+void BM_CachedRead_Registry(benchmark::State& state) {
+  Registry& r = readRegistry();
+  SAnsiString const& name = ansiNames()[0];
+  for (auto _ : state) {
+    SAnsiString v = r.ReadValue(name);
+    benchmark::DoNotOptimize(v.getString());
+  }
+}
+BENCHMARK(BM_CachedRead_Registry);
+
+void BM_Read1000_Registry(benchmark::State& state) {
+  Registry& r = readRegistry();
+  for (auto _ : state)
+    for (int i = 0; i < kManyValues; ++i) {
+      SAnsiString v = r.ReadValue(ansiNames()[i]);
+      if (v.isEmpty()) state.SkipWithError("missing value");
+      benchmark::DoNotOptimize(v.getString());
+    }
+  state.SetItemsProcessed(state.iterations() * kManyValues);
+}
+BENCHMARK(BM_Read1000_Registry);
+
+void BM_Write10000_Registry(benchmark::State& state) {
+  scratchDir();
+  Registry r("Software\\Bench\\WriteClass", SAnsiStringCI(), HKEY_LOCAL_MACHINE);
+  SAnsiString text(kText.c_str());
+  for (auto _ : state)
+    for (int i = 0; i < kWrites; ++i)
+      if (!r.WriteValue(ansiNames()[i], text)) state.SkipWithError("write failed");
+  state.SetItemsProcessed(state.iterations() * kWrites);
+}
+BENCHMARK(BM_Write10000_Registry)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 void BM_Write10000_RegSetValueExA(benchmark::State& state) {
   HKEY k = openKey("Software\\Bench\\Write");

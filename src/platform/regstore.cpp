@@ -330,11 +330,13 @@ class Store {
   // yet gives ERROR_FILE_NOT_FOUND (nothing is created by a read); writing
   // creates it, or gives ERROR_ACCESS_DENIED when the file cannot be
   // written. Called with mu held.
-  LONG open(bool forWrite) {
+  LONG open(bool forWrite, bool recheck = true) {
     if (db_ && !forWrite) return ERROR_SUCCESS;
+    if (db_ && writable_ && !recheck) return ERROR_SUCCESS;
     if (db_) {
-      // Permissions are checked on every write: a store made read-only
-      // while open refuses writes from then on.
+      // Permissions are checked when a key is opened for writing (and on
+      // every write through a predefined root, which is opened each time):
+      // a store made read-only while open refuses new writers.
       bool canWrite = fileWritable(path_);
       if (canWrite == writable_) return canWrite ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
       close();  // reopen with the access the file allows now
@@ -491,6 +493,7 @@ struct KeyRef {
   int64_t id = 0;
   std::string const* pathFold = nullptr;
   REGSAM access = 0;
+  bool predefined = false;  // rights are checked on each use, not at an open
 };
 
 std::string const kEmpty;
@@ -498,11 +501,11 @@ std::string const kEmpty;
 LONG resolve(HKEY key, KeyRef& ref) {
   RootKind kind = rootKind(key);
   if (kind != RootKind::None) {
-    ref = {storeForRoot(kind), 1, &kEmpty, KEY_ALL_ACCESS};
+    ref = {storeForRoot(kind), 1, &kEmpty, KEY_ALL_ACCESS, true};
     return ERROR_SUCCESS;
   }
   if (!key || key->magic != kLiveMagic) return ERROR_INVALID_HANDLE;
-  ref = {key->store, key->id, &key->pathFold, key->access};
+  ref = {key->store, key->id, &key->pathFold, key->access, false};
   return ERROR_SUCCESS;
 }
 
@@ -571,7 +574,7 @@ int64_t createPath(Store& s, KeyRef const& base, std::vector<std::string_view> c
 // Checks the handle's rights and opens its store.
 LONG prepare(KeyRef const& ref, REGSAM need, bool forWrite) {
   if ((ref.access & need) != need) return ERROR_ACCESS_DENIED;
-  return ref.store->open(forWrite);
+  return ref.store->open(forWrite, ref.predefined);
 }
 
 bool keyAlive(Store& s, int64_t id) {
@@ -661,18 +664,22 @@ LONG RegCreateKeyExA(HKEY key, LPCSTR subKey, DWORD, LPSTR, DWORD, REGSAM access
   std::lock_guard<std::mutex> lock(s.mu);
   rc = s.open(true);
   if (rc != ERROR_SUCCESS) return rc;
-  int step = s.exec(kBegin);
-  if (step != SQLITE_DONE) return sqliteStatus(step);
-  bool created = false;
-  int64_t id = createPath(s, ref, parts, openToEverybody(security), created);
-  if (id > 0 && parts.empty() && !keyAlive(s, id)) id = -2;
-  rc = finishWrite(s, id > 0 ? SQLITE_DONE : SQLITE_ERROR);
-  if (id == -2) return ERROR_KEY_DELETED;
-  if (rc != ERROR_SUCCESS) return rc;
   std::string path = *ref.pathFold, partFold;
   for (auto part : parts) {
     foldName(part, partFold);
     path = joinFold(path, partFold);
+  }
+  // An existing key needs no write transaction: one look-up opens it.
+  bool created = false;
+  int64_t id = parts.empty() ? (keyAlive(s, ref.id) ? ref.id : 0) : findKey(s, path);
+  if (id <= 0) {
+    int step = s.exec(kBegin);
+    if (step != SQLITE_DONE) return sqliteStatus(step);
+    id = createPath(s, ref, parts, openToEverybody(security), created);
+    if (id > 0 && parts.empty() && !keyAlive(s, id)) id = -2;
+    rc = finishWrite(s, id > 0 ? SQLITE_DONE : SQLITE_ERROR);
+    if (id == -2) return ERROR_KEY_DELETED;
+    if (rc != ERROR_SUCCESS) return rc;
   }
   *result = newHandle(&s, id, std::move(path), access);
   if (!*result) return ERROR_NOT_ENOUGH_MEMORY;
