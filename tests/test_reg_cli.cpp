@@ -1,0 +1,150 @@
+// quen reg end to end: the commands an operator types, their output, exit
+// status and the files they write. Runs the built quen binary.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Outcome {
+  int status;
+  std::string out;
+};
+
+class QuenReg : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    quen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
+    if (!fs::exists(quen)) GTEST_SKIP() << "quen is not built";
+    char tmpl[] = "/tmp/quenregXXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir = tmpl;
+    setenv("QUENLIB_REGISTRY_DIR", (dir + "/fresh/stores").c_str(), 1);
+  }
+  void TearDown() override {
+    unsetenv("QUENLIB_REGISTRY_DIR");
+    std::error_code ec;
+    if (!dir.empty()) fs::remove_all(dir, ec);
+  }
+
+  // Runs quen with the arguments (already shell-quoted), stdout and stderr
+  // together.
+  Outcome quenReg(std::string const& args) const {
+    std::string cmd = quen + " reg " + args + " 2>&1";
+    Outcome r{-1, {}};
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+  }
+
+  std::string quen, dir;
+};
+
+}  // namespace
+
+TEST_F(QuenReg, AddThenQueryOnAFreshStore) {
+  Outcome add = quenReg("add 'HKLM\\Software\\Example' /v Greeting /d hello");
+  ASSERT_EQ(add.status, 0) << add.out;
+  EXPECT_TRUE(fs::exists(dir + "/fresh/stores/machine.db"));
+  Outcome q = quenReg("query 'HKLM\\Software\\Example'");
+  EXPECT_EQ(q.status, 0);
+  EXPECT_EQ(q.out, "HKEY_LOCAL_MACHINE\\Software\\Example\n    Greeting    REG_SZ    hello\n");
+}
+
+TEST_F(QuenReg, TypesSubKeysAndLongOptions) {
+  ASSERT_EQ(quenReg("add HKCU\\\\Software\\\\Ex --value Count --type REG_DWORD --data 0x2a").status, 0);
+  ASSERT_EQ(quenReg("add HKCU\\\\Software\\\\Ex\\\\Sub --value=List --type=multi_sz --data 'a\\0b'").status, 0);
+  ASSERT_EQ(quenReg("add HKEY_CURRENT_USER\\\\Software\\\\Ex /ve /d dflt").status, 0);
+  ASSERT_EQ(quenReg("add HKCU\\\\Software\\\\Ex /V Bin /T REG_BINARY /D 00ff10 /f").status, 0);
+  ASSERT_EQ(quenReg("add HKCU\\\\Software\\\\Ex /v Big /t REG_QWORD /d 4294967296").status, 0);
+  Outcome q = quenReg("query HKCU\\\\Software\\\\Ex");
+  EXPECT_EQ(q.out,
+            "HKEY_CURRENT_USER\\Software\\Ex\n"
+            "    Count    REG_DWORD    0x2a\n"
+            "    (Default)    REG_SZ    dflt\n"
+            "    Bin    REG_BINARY    00FF10\n"
+            "    Big    REG_QWORD    0x100000000\n"
+            "\n"
+            "HKEY_CURRENT_USER\\Software\\Ex\\Sub\n");
+  Outcome one = quenReg("query HKCU\\\\Software\\\\Ex\\\\Sub /v list");
+  EXPECT_EQ(one.out, "HKEY_CURRENT_USER\\Software\\Ex\\Sub\n    list    REG_MULTI_SZ    a\\0b\n");
+  Outcome rec = quenReg("query HKCU\\\\Software\\\\Ex /s");
+  EXPECT_NE(rec.out.find("\nHKEY_CURRENT_USER\\Software\\Ex\\Sub\n    List    REG_MULTI_SZ    a\\0b\n"),
+            std::string::npos)
+      << rec.out;
+}
+
+TEST_F(QuenReg, ExportDeleteImportCopy) {
+  ASSERT_EQ(quenReg("add HKCU\\\\A\\\\B /v x /d 1").status, 0);
+  ASSERT_EQ(quenReg("add HKCU\\\\A /v n /t REG_DWORD /d 5").status, 0);
+  std::string file = dir + "/a.reg";
+  ASSERT_EQ(quenReg("export HKCU\\\\A " + file).status, 0);
+  Outcome again = quenReg("export HKCU\\\\A " + file);
+  EXPECT_EQ(again.status, 1);
+  EXPECT_NE(again.out.find("exists"), std::string::npos);
+  std::ifstream in(file, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  EXPECT_EQ(text.str(),
+            "Windows Registry Editor Version 5.00\r\n\r\n"
+            "[HKEY_CURRENT_USER\\A]\r\n\"n\"=dword:00000005\r\n\r\n"
+            "[HKEY_CURRENT_USER\\A\\B]\r\n\"x\"=\"1\"\r\n\r\n");
+
+  ASSERT_EQ(quenReg("delete HKCU\\\\A").status, 0);
+  Outcome gone = quenReg("query HKCU\\\\A");
+  EXPECT_EQ(gone.status, 1);
+  EXPECT_EQ(gone.out, "quen: HKEY_CURRENT_USER\\A: the key or value does not exist\n");
+  ASSERT_EQ(quenReg("import " + file).status, 0);
+  EXPECT_EQ(quenReg("query HKCU\\\\A\\\\B /v x").out, "HKEY_CURRENT_USER\\A\\B\n    x    REG_SZ    1\n");
+
+  ASSERT_EQ(quenReg("copy HKCU\\\\A HKLM\\\\C /s").status, 0);
+  EXPECT_EQ(quenReg("query HKLM\\\\C\\\\B /v x").status, 0);
+  ASSERT_EQ(quenReg("delete HKLM\\\\C /va").status, 0);
+  EXPECT_EQ(quenReg("query HKLM\\\\C").out, "HKEY_LOCAL_MACHINE\\C\n\nHKEY_LOCAL_MACHINE\\C\\B\n");
+  ASSERT_EQ(quenReg("delete HKLM\\\\C\\\\B /v x").status, 0);
+  EXPECT_EQ(quenReg("delete HKLM\\\\C\\\\B /v x").status, 1);
+}
+
+TEST_F(QuenReg, BadInputFailsWithAMessage) {
+  struct {
+    char const* args;
+    char const* message;
+  } rows[] = {
+      {"frob", "quen: unknown action frob; see quen reg --help\n"},
+      {"add HKXX\\\\a", "quen: unknown root in HKXX\\a (use HKLM, HKCU, HKU or HKCR)\n"},
+      {"add HKCU\\\\a /t REG_DWORD /d 99999999999", "quen: not a valid number for this type: 99999999999\n"},
+      {"add HKCU\\\\a /t REG_BINARY /d 0g", "quen: not hex digits: 0g\n"},
+      {"add HKCU\\\\a /t REG_WHAT /d 1", "quen: unknown type REG_WHAT\n"},
+      {"add HKCU\\\\a /v", "quen: option /v needs an argument\n"},
+      {"query", "quen: quen reg query takes 1 argument(s); see quen reg --help\n"},
+      {"delete HKLM", "quen: refusing to delete a whole root\n"},
+      {"add HKCU\\\\a --bogus", "quen: unknown option --bogus\n"},
+  };
+  for (auto const& r : rows) {
+    Outcome run = quenReg(r.args);
+    EXPECT_EQ(run.status, 1) << r.args;
+    EXPECT_EQ(run.out, r.message) << r.args;
+  }
+  std::string bad = dir + "/bad.reg";
+  std::ofstream(bad) << "Windows Registry Editor Version 5.00\n[HKCU\\x]\n\"a\"=dword:zz\n";
+  Outcome imp = quenReg("import " + bad);
+  EXPECT_EQ(imp.status, 1);
+  EXPECT_EQ(imp.out, "quen: " + bad + ": line 3: bad hex digit in dword\n");
+  Outcome help = quenReg("--help");
+  EXPECT_EQ(help.status, 0);
+  EXPECT_EQ(help.out.rfind("Usage:\n  quen reg query", 0), 0u);
+}
