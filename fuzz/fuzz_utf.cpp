@@ -40,6 +40,11 @@ void fuzzUtf8(uint8_t const* data, size_t size) {
   if (!icuOk) return;
   check(r.written == icu.size());
   check(std::memcmp(u16.data(), icu.data(), r.written * sizeof(WChar)) == 0);
+  // An exactly sized output takes the bounded path and gives the same.
+  std::vector<WChar> exact(r.written);
+  utf::Outcome e = utf::utf8ToUtf16(data, size, exact.data(), exact.size());
+  check(e.result == utf::Result::ok && e.written == r.written);
+  check(r.written == 0 || std::memcmp(exact.data(), u16.data(), r.written * sizeof(WChar)) == 0);
   std::vector<unsigned char> back(r.written * 3 + 1);
   utf::Outcome b = utf::utf16ToUtf8(u16.data(), r.written, back.data(), back.size());
   check(b.result == utf::Result::ok && b.written == size);
@@ -70,6 +75,10 @@ void fuzzUtf16(uint8_t const* data, size_t size) {
   if (!icuOk) return;
   check(r.written == static_cast<size_t>(len));
   check(r.written == 0 || std::memcmp(u8.data(), icu.data(), r.written) == 0);
+  std::vector<unsigned char> exact(r.written);
+  utf::Outcome e = utf::utf16ToUtf8(in.data(), n, exact.data(), exact.size());
+  check(e.result == utf::Result::ok && e.written == r.written);
+  check(r.written == 0 || std::memcmp(exact.data(), u8.data(), r.written) == 0);
   std::vector<WChar> back(n + 1);
   utf::Outcome b = utf::utf8ToUtf16(u8.data(), r.written, back.data(), back.size());
   check(b.result == utf::Result::ok && b.written == n);

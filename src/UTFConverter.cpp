@@ -15,6 +15,7 @@
 #include "internal/localeconv.h"
 #include "internal/utfcore.h"
 
+#include <bit>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -199,9 +200,167 @@ inline void copyAsciiRun16(WChar const*& s, WChar const* end, unsigned char*& d,
   while (s < end && d < dend && *s < 0x80) *d++ = static_cast<unsigned char>(*s++);
 }
 
+// ---- unchecked fast paths
+//
+// Used when the output can hold the worst case (one UTF-16 unit per UTF-8
+// byte; three UTF-8 bytes per UTF-16 unit): no output bound is tested.
+// The invariant "output room left >= worst case of the input left" holds
+// after every step, which is also what lets the ASCII blocks store a whole
+// vector and advance by less. Each loop stops at anything it does not take
+// (four-byte forms, surrogates, ill-formed input) and leaves that
+// character to the careful code.
+
+inline void fastUtf8ToUtf16(unsigned char const*& s, unsigned char const* end, WChar*& d) {
+  while (s < end) {
+    unsigned const c = *s;
+    if (c < 0x80) {
+#if defined(__SSE2__)
+      if (end - s >= 16) {
+        __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(s));
+        __m128i const zero = _mm_setzero_si128();
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_unpacklo_epi8(v, zero));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 8), _mm_unpackhi_epi8(v, zero));
+        int const mask = _mm_movemask_epi8(v);
+        int const k = mask == 0 ? 16 : __builtin_ctz(static_cast<unsigned>(mask));
+        s += k;
+        d += k;
+        continue;
+      }
+#endif
+      *d++ = static_cast<WChar>(c);
+      ++s;
+      continue;
+    }
+    if ((c & 0xE0) == 0xC0) {
+      if (end - s < 2 || c < 0xC2 || (s[1] & 0xC0) != 0x80) return;
+      *d++ = static_cast<WChar>(((c & 0x1Fu) << 6) | (s[1] & 0x3Fu));
+      s += 2;
+      continue;
+    }
+    // A run of three-byte sequences (most CJK text).
+    if ((c & 0xF0) != 0xE0) return;
+    do {
+      if (end - s < 3) return;
+      unsigned const t1 = s[1] ^ 0x80u;
+      unsigned const t2 = s[2] ^ 0x80u;
+      if ((t1 | t2) > 0x3F) return;
+      uint32_t const cp = ((s[0] & 0x0Fu) << 12) | (t1 << 6) | t2;
+      if (cp < 0x800 || isSurrogate(cp)) return;
+      *d++ = static_cast<WChar>(cp);
+      s += 3;
+    } while (s < end && (*s & 0xF0) == 0xE0);
+  }
+}
+
+inline void fastUtf16ToUtf8(WChar const*& s, WChar const* end, unsigned char*& d) {
+  while (s < end) {
+    uint32_t const c = *s;
+    if (c < 0x80) {
+#if defined(__SSE2__)
+      if (end - s >= 8) {
+        __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(s));
+        __m128i const high = _mm_set1_epi16(static_cast<short>(0xFF80));
+        int const ascii =
+            _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(v, high), _mm_setzero_si128()));
+        if (ascii == 0xFFFF) {
+          _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_packus_epi16(v, v));
+          s += 8;
+          d += 8;
+          continue;
+        }
+      }
+#endif
+      // A short run of ASCII between other characters, byte by byte.
+      do {
+        *d++ = static_cast<unsigned char>(*s++);
+      } while (s < end && *s < 0x80);
+      continue;
+    }
+    if (c < 0x800) {
+      d[0] = static_cast<unsigned char>(0xC0 | (c >> 6));
+      d[1] = static_cast<unsigned char>(0x80 | (c & 0x3F));
+      d += 2;
+      ++s;
+      continue;
+    }
+    if (isSurrogate(c)) return;
+    // A run of three-byte characters (most CJK text). While two units or
+    // more are left there is room for 6 bytes: one 4-byte store each, 3
+    // bytes kept. The last unit of the input is written byte by byte.
+    uint32_t u = c;
+    bool runEnded = false;
+    if constexpr (std::endian::native == std::endian::little) {
+      while (end - s >= 2) {
+        uint32_t const w = (0xE0 | (u >> 12)) | ((0x80 | ((u >> 6) & 0x3F)) << 8) |
+                           ((0x80 | (u & 0x3F)) << 16);
+        std::memcpy(d, &w, 4);
+        d += 3;
+        u = *++s;
+        if (u < 0x800 || isSurrogate(u)) {
+          runEnded = true;
+          break;
+        }
+      }
+    }
+    if (runEnded) continue;
+    d[0] = static_cast<unsigned char>(0xE0 | (u >> 12));
+    d[1] = static_cast<unsigned char>(0x80 | ((u >> 6) & 0x3F));
+    d[2] = static_cast<unsigned char>(0x80 | (u & 0x3F));
+    d += 3;
+    ++s;
+  }
+}
+
+Outcome utf8ToUtf16Unchecked(unsigned char const* src, size_t n, WChar* dst) {
+  unsigned char const* s = src;
+  unsigned char const* const end = src + n;
+  WChar* d = dst;
+  for (;;) {
+    fastUtf8ToUtf16(s, end, d);
+    if (s == end) break;
+    Decoded const r = decodeMulti(s, end);
+    if (r.len == 0) return done(r.err, s, src, 1, d, dst, 2);
+    if (r.cp >= 0x10000) {
+      uint32_t const v = r.cp - 0x10000;
+      d[0] = static_cast<WChar>(kSurrogateFirst + (v >> 10));
+      d[1] = static_cast<WChar>(kLowSurrogateFirst + (v & 0x3FF));
+      d += 2;
+    } else {
+      *d++ = static_cast<WChar>(r.cp);
+    }
+    s += r.len;
+  }
+  return done(Result::ok, s, src, 1, d, dst, 2);
+}
+
+Outcome utf16ToUtf8Unchecked(WChar const* src, size_t n, unsigned char* dst) {
+  WChar const* s = src;
+  WChar const* const end = src + n;
+  unsigned char* d = dst;
+  for (;;) {
+    fastUtf16ToUtf8(s, end, d);
+    if (s == end) break;
+    // A surrogate: only a high one followed by a low one is well-formed.
+    uint32_t const c = *s;
+    if (isLowSurrogate(c)) return done(Result::sourceIllegal, s, src, 2, d, dst, 1);
+    if (end - s < 2) return done(Result::sourceExhausted, s, src, 2, d, dst, 1);
+    uint32_t const low = s[1];
+    if (!isLowSurrogate(low)) return done(Result::sourceIllegal, s, src, 2, d, dst, 1);
+    uint32_t const cp = ((c - kSurrogateFirst) << 10) + (low - kLowSurrogateFirst) + 0x10000;
+    d[0] = static_cast<unsigned char>(0xF0 | (cp >> 18));
+    d[1] = static_cast<unsigned char>(0x80 | ((cp >> 12) & 0x3F));
+    d[2] = static_cast<unsigned char>(0x80 | ((cp >> 6) & 0x3F));
+    d[3] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
+    d += 4;
+    s += 2;
+  }
+  return done(Result::ok, s, src, 2, d, dst, 1);
+}
+
 }  // namespace
 
 Outcome utf8ToUtf16(unsigned char const* src, size_t n, WChar* dst, size_t cap) {
+  if (cap >= n) return utf8ToUtf16Unchecked(src, n, dst);
   return utf8ToWide(src, n, dst, cap);
 }
 
@@ -210,6 +369,7 @@ Outcome utf8ToUtf32(unsigned char const* src, size_t n, uint32_t* dst, size_t ca
 }
 
 Outcome utf16ToUtf8(WChar const* src, size_t n, unsigned char* dst, size_t cap) {
+  if (n <= cap / 3) return utf16ToUtf8Unchecked(src, n, dst);
   WChar const* s = src;
   WChar const* const end = src + n;
   unsigned char* d = dst;

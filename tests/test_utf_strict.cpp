@@ -232,6 +232,19 @@ TEST(UtfStrict, ValidatorAgreesWithIcuOnGeneratedCorpus) {
     }
     ++valid;
     ASSERT_EQ(ours, icu.text) << "case " << i;
+    // Exactly sized outputs take the careful (bounded) paths.
+    std::u16string exact(ours.size(), u'\0');
+    utf::Outcome e = utf::utf8ToUtf16(b.data(), b.size(), exact.data(), exact.size());
+    ASSERT_EQ(e.result, utf::Result::ok) << "case " << i;
+    ASSERT_EQ(exact, ours) << "case " << i;
+    Bytes exact8(b.size());
+    e = utf::utf16ToUtf8(ours.data(), ours.size(), exact8.data(), exact8.size());
+    ASSERT_EQ(e.result, utf::Result::ok) << "case " << i;
+    ASSERT_EQ(exact8, b) << "case " << i;
+    if (!b.empty()) {
+      e = utf::utf16ToUtf8(ours.data(), ours.size(), exact8.data(), exact8.size() - 1);
+      ASSERT_EQ(e.result, utf::Result::targetExhausted) << "case " << i;
+    }
     std::string back(ours.size() * 3, '\0');
     utf::Outcome r = utf::utf16ToUtf8(ours.data(), ours.size(),
                                       reinterpret_cast<unsigned char*>(back.data()), back.size());

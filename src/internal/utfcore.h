@@ -4,8 +4,9 @@
 // the first ill-formed sequence: overlong UTF-8, UTF-8 encoding a
 // surrogate, values above U+10FFFF, truncated sequences, unpaired UTF-16
 // surrogates and out-of-range UCS-4 values all fail. The output may hold a
-// partial result after a failure; callers that promise to leave their
-// target untouched convert into scratch space first.
+// partial result after a failure, and the units past `written` (within
+// cap) may be overwritten even on success; callers that promise to leave
+// their target untouched convert into scratch space first.
 #pragma once
 
 #include <quenlib/quenlib_export.h>
