@@ -932,7 +932,7 @@ char const* LevelLabel(int level) {
   if (row.eventClass >= 0) return kClassLabels[row.eventClass];
   if (row.selector >= 0) return kSelectorLabels[row.selector];
   if (row.special == kSpecialRequest) return "Request";
-  return "?";
+  return level == SLogger::tl_Never ? "None" : "?";
 }
 
 std::string_view SourceName(char const* file) {
@@ -1041,8 +1041,8 @@ bool TraceBridge::ShouldTraceSlow(int level, char const* file, int line) {
 }
 
 void TraceBridge::Trace(int level, std::string_view text, char const* file, int line, unsigned depth) {
-  bool const known = level >= 0 && level < SLogger::kLevelCount &&
-                     std::string_view(LevelLabel(level)) != "?";
+  bool const known = level >= 0 && level < SLogger::kLevelCount && level != SLogger::tl_Never &&
+                     level != SLogger::tl_Last;
   if (!known) {
     reportMisuse(file, line, "Invalid or unimplemented tracing level at " + location(file, line));
     return;

@@ -43,6 +43,7 @@
 #include <quenlib/types.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -212,6 +213,10 @@ QUENLIB_API void SAssert(char const* file, int line, char const* condition,
                          char const* message);
 QUENLIB_API void SAssert(char const* file, int line, char const* condition,
                          WChar const* message);
+// A null message literal: the same as no message.
+inline void SAssert(char const* file, int line, char const* condition, std::nullptr_t) {
+  SAssert(file, line, condition);
+}
 
 // A structured record from loose values: SLog(ll_Info, lc_Audit, 42, "a", "b").
 template <class... Args>
