@@ -128,19 +128,24 @@ int CollateWide(std::wstring const& a, std::wstring const& b, bool* failed) {
   return r;
 }
 
-// Converts the multibyte character at p (size bytes available) in place.
-bool MapCaseChar(char* p, unsigned size, unsigned* charSize, bool upper,
-                 char const* toWideText, char const* backText) {
+// Case-maps the multibyte character in the first inLen bytes at p, in
+// place, writing at most outCap bytes; stores the bytes written.
+bool MapOneChar(char* p, unsigned inLen, unsigned outCap, unsigned* charSize, bool upper,
+                bool report) {
   wchar_t w;
-  if (size == 0 || !MbToWide(p, size < kMbLimit ? size : kMbLimit, &w)) {
-    QL_REPORT("0", toWideText);
+  if (inLen == 0 || !MbToWide(p, inLen < kMbLimit ? inLen : kMbLimit, &w)) {
+    if (report)
+      QL_REPORT("0", upper ? "MakeUpperCaseChar: Fail to convert to wchar_t"
+                           : "MakeLowerCaseChar: Fail to convert to wchar_t");
     return false;
   }
   wint_t m = upper ? std::towupper(static_cast<wint_t>(w)) : std::towlower(static_cast<wint_t>(w));
   char out[MB_LEN_MAX];
   int n = WideToMb(static_cast<wchar_t>(m), out);
-  if (n < 0 || static_cast<unsigned>(n) > size) {
-    QL_REPORT("0", backText);
+  if (n < 0 || static_cast<unsigned>(n) > outCap) {
+    if (report)
+      QL_REPORT("0", upper ? "MakeUpperCaseChar: Fail to convert back to MBCS"
+                           : "MakeLowerCaseChar: Fail to convert back to MBCS");
     return false;
   }
   std::memcpy(p, out, static_cast<size_t>(n));
@@ -150,8 +155,9 @@ bool MapCaseChar(char* p, unsigned size, unsigned* charSize, bool upper,
 
 // Case-maps srcLen bytes of multibyte text into dst (room for cap bytes
 // plus a terminator), character by character; returns the bytes written.
-// A character that cannot be mapped is kept as it is (reported when
-// `report` is set). Stops where the next character would not fit.
+// Each character is converted from exactly its own bytes. A character
+// that cannot be mapped is kept as it is (reported when `report` is set).
+// Stops where the next character would not fit.
 unsigned MapCaseText(char const* src, unsigned srcLen, char* dst, unsigned cap,
                      bool upper, bool report) {
   unsigned done = 0, written = 0;
@@ -161,25 +167,7 @@ unsigned MapCaseText(char const* src, unsigned srcLen, char* dst, unsigned cap,
     if (done + cl > srcLen || written + cl > cap) break;
     std::memcpy(dst + written, src + done, cl);
     unsigned cs = cl;
-    bool ok;
-    if (report) {
-      ok = upper ? MakeUpperCaseChar(dst + written, cap - written, &cs)
-                 : MakeLowerCaseChar(dst + written, cap - written, &cs);
-    } else {
-      wchar_t w;
-      ok = MbToWide(dst + written, cl, &w);
-      if (ok) {
-        wint_t m = upper ? std::towupper(static_cast<wint_t>(w)) : std::towlower(static_cast<wint_t>(w));
-        char out[MB_LEN_MAX];
-        int n = WideToMb(static_cast<wchar_t>(m), out);
-        ok = n > 0 && static_cast<unsigned>(n) <= cap - written;
-        if (ok) {
-          std::memcpy(dst + written, out, static_cast<size_t>(n));
-          cs = static_cast<unsigned>(n);
-        }
-      }
-    }
-    if (!ok) {
+    if (!MapOneChar(dst + written, cl, cap - written, &cs, upper, report)) {
       if (report && upper)
         QL_REPORT("MakeUpperCaseChar(dest, strSize - (dest - s), &charSize)",
                   static_cast<char const*>(nullptr));
@@ -210,13 +198,11 @@ std::string LowerForCompare(char const* s, unsigned len) {
 // Case-mapping functions
 
 bool MakeUpperCaseChar(char* p, unsigned size, unsigned* charSize) {
-  return MapCaseChar(p, size, charSize, true, "MakeUpperCaseChar: Fail to convert to wchar_t",
-                     "MakeUpperCaseChar: Fail to convert back to MBCS");
+  return MapOneChar(p, size, size, charSize, true, true);
 }
 
 bool MakeLowerCaseChar(char* p, unsigned size, unsigned* charSize) {
-  return MapCaseChar(p, size, charSize, false, "MakeLowerCaseChar: Fail to convert to wchar_t",
-                     "MakeLowerCaseChar: Fail to convert back to MBCS");
+  return MapOneChar(p, size, size, charSize, false, true);
 }
 
 namespace {
@@ -759,6 +745,10 @@ template <class Unit, int Flag>
 void SString_t<Unit, Flag>::deleteUnits(unsigned off, unsigned n) {
   if (n == 0) return;
   uint32_t len = getLength();
+  if (n >= len) {  // everything goes: back to the empty buffer
+    empty();
+    return;
+  }
   copyOnWrite(0);
   Unit* p = getString();
   std::memmove(p + off, p + off + n, static_cast<size_t>(len - off - n) * sizeof(Unit));
@@ -867,6 +857,10 @@ void SString_t<Unit, Flag>::trimRight() {
   }
   unsigned n = static_cast<unsigned>(keep - getString());
   if (n == getLength()) return;
+  if (n == 0) {
+    empty();
+    return;
+  }
   copyOnWrite(0);
   terminateBuffer(n);
 }

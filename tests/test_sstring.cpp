@@ -492,7 +492,13 @@ TYPED_TEST(AllFlavours, InsertDeleteAndTrim) {
   EXPECT_TRUE(l == L("x"));
   TypeParam blank(L("   "));
   blank.trim();
-  EXPECT_TRUE(blank.isEmpty());
+  EXPECT_TRUE(TA::OnEmptyBuffer(blank));
+  TypeParam right(L("   "));
+  right.trimRight();
+  EXPECT_TRUE(TA::OnEmptyBuffer(right));
+  TypeParam gone(L("abc"));
+  gone.deleteChars(0u, 3);
+  EXPECT_TRUE(TA::OnEmptyBuffer(gone));
 }
 
 TYPED_TEST(AllFlavours, CaseMapping) {

@@ -239,6 +239,12 @@ TEST_F(Utf8, CaseMappingOfInvalidBytesReportsAndKeepsThem) {
   EXPECT_EQ(seen[0].message, "MakeLowerCaseChar: Fail to convert to wchar_t");
   EXPECT_EQ(seen[1].condition, "MakeLowerCaseChar(dest, strSize - (dest - s), &charSize)");
   EXPECT_EQ(MbChar('\xFF').toUpper(), MbChar());  // unmappable: zero character
+  seen.clear();
+  // A lead byte cut short is mapped from its own byte only.
+  SAnsiString cut("\xC3" "x\xC3");
+  cut.toUpper();
+  EXPECT_EQ(bytes(cut), "\xC3" "X\xC3");
+  EXPECT_EQ(seen.size(), 4u);
 }
 
 TEST_F(Utf8, CaseMappingFunctions) {
