@@ -430,6 +430,37 @@ class QUENLIB_API SString_t {
   bool operator==(Unit const* s) const noexcept;
   bool operator!=(Unit const* s) const noexcept { return !(*this == s); }
 
+  // ---- conversions (defined in sstringconv.cpp) ------------------------
+  // Sizes are in bytes. A "to" member writes a terminated result and
+  // returns the units written including the terminator, or (unsigned)-1
+  // (writing nothing) when size is too small. A "from" member replaces the
+  // content and returns true; the ASCII flavour refuses (false, unchanged)
+  // any text with a unit above 127. Locale and wide directions put "?" for
+  // what cannot be represented; UTF-8 input must be well-formed.
+  unsigned getNBytesForAscii() const;
+  unsigned getNBytesForMBCS() const;
+  unsigned getNBytesForWChar() const;
+  unsigned getNBytesForUChar() const;
+  unsigned getNBytesForUTF8() const;
+  unsigned getNBytesForBrim() const;
+  unsigned toAscii(char* out, unsigned size) const;
+  unsigned toMBCS(char* out, unsigned size) const;
+  unsigned toWChar(WChar* out, unsigned size) const;
+  unsigned toUChar(WChar* out, unsigned size) const;
+  unsigned toBrim(WChar* out, unsigned size) const;
+  unsigned toUTF8(unsigned char* out, unsigned size) const;
+  // n bytes, or up to the terminator when n is (unsigned)-1.
+  bool fromAscii(char const* p, unsigned n = static_cast<unsigned>(-1));
+  bool fromMBCS(char const* p);
+  bool fromWChar(WChar const* p);
+  bool fromUChar(WChar const* p, unsigned n = static_cast<unsigned>(-1));
+  bool fromBrim(WChar const* p);
+  bool fromUTF8(unsigned char const* p);
+  bool fromUTF8(unsigned char const* p, unsigned n);
+  bool copyFrom(char const* p) { return fromMBCS(p); }
+  bool copyFrom(WChar const* p) { return fromWChar(p); }
+  // ---- end of conversions ---------------------------------------------
+
  protected:
   friend struct SStringTestAccess;
 
