@@ -1,0 +1,517 @@
+// stringconv.h: integers to text and text to integers, in any radix.
+//
+// Every number the library stores as text goes through three function
+// templates:
+//
+//   StringConvFromInteger        value -> digits in a caller array
+//   StringConvToInteger          a whole string -> value
+//   StringConvToIntegerIterator  a range of an SAsciiString -> value
+//
+// and the static wrappers that fix their limits: `SAnsiStringConv` (for
+// SAnsiString), `SWCharStringConv` (for SWCharString) and the empty
+// `SAsciiStringConv`. Decimal, locale-independent forms are in
+// neutralstr.h (`NeutralString`).
+//
+//   int32_t port = 0;
+//   if (SAnsiStringConv::FromString("8080", port, 10)) ...   // 8080
+//   uint32_t mask = 0;
+//   SAnsiStringConv::FromString("0xFF00", mask, 16);         // 0xFF00
+//   SAnsiString hex = SAnsiStringConv::ToString(-1, 16);     // "FFFFFFFF"
+//   char buf[kStringConvUnits];
+//   int32_t n = StringConvFromInteger(buf, int64_t{-42}, 10); // "-42", 3
+//
+// The rules are old and deliberate; callers depend on them:
+//  - Digits above 9 are written as upper-case letters. A negative value in
+//    a radix other than 10 is written as the two's complement of its own
+//    type ((int16_t)-1 in radix 16 is "FFFF", (int32_t)-1 is "FFFFFFFF").
+//  - Parsing accepts an optional leading "-" (signed types only), never
+//    "+". Letters of either case are digits when the radix is above 10.
+//  - The string form stops with success at the first "." or space, so
+//    "3.9" gives 3 and "12 abc" gives 12; in radix 16 it skips every "x"
+//    or "X", so "0x1F" gives 31. The iterator form stops only at "." and
+//    skips no "x".
+//  - An empty text and a lone "-" give 0 with success.
+//  - On failure the result is false and the output is 0.
+//  - A negative text is accepted while its magnitude is at most the
+//    limit + 1 (the type's minimum); anything beyond fails.
+//
+// Radixes 2 to 36 are the useful ones. A radix below 2 writes nothing (the
+// empty text, length 0) and reports an assertion; parsing with a radix
+// below 1 fails. Writing in a radix above 36 uses characters beyond 'Z',
+// which parsing does not read back (its digits are 0-9 and the letters).
+#pragma once
+
+#include <quenlib/quenlib_export.h>
+#include <quenlib/sstring.h>
+#include <quenlib/types.h>
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <type_traits>
+
+namespace QuenLibA500 {
+
+// Units a value needs at most, sign and terminator included: 64 binary
+// digits, a sign for radix 10, the terminator.
+inline constexpr unsigned kStringConvUnits = 66;
+
+namespace stringconv_internal {
+
+// The integer types the conversions take (not bool, not character types).
+template <class T>
+concept Integer = std::is_integral_v<T> && !std::is_same_v<T, bool> &&
+                  !std::is_same_v<T, char> && !std::is_same_v<T, wchar_t> &&
+                  !std::is_same_v<T, char8_t> && !std::is_same_v<T, char16_t> &&
+                  !std::is_same_v<T, char32_t>;
+
+// "00" to "99", two characters per value.
+inline constexpr char kDigitPairs[201] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+inline constexpr uint64_t kPow10[20] = {1ull,
+                                        10ull,
+                                        100ull,
+                                        1000ull,
+                                        10000ull,
+                                        100000ull,
+                                        1000000ull,
+                                        10000000ull,
+                                        100000000ull,
+                                        1000000000ull,
+                                        10000000000ull,
+                                        100000000000ull,
+                                        1000000000000ull,
+                                        10000000000000ull,
+                                        100000000000000ull,
+                                        1000000000000000ull,
+                                        10000000000000000ull,
+                                        100000000000000000ull,
+                                        1000000000000000000ull,
+                                        10000000000000000000ull};
+
+// Number of decimal digits of v (1 for 0).
+template <class U>
+constexpr unsigned DecimalDigits(U v) noexcept {
+  // bit_width * log10(2), then correct by one against the power table.
+  // v | 1 has the same digit count as v (powers of ten are even) and
+  // makes 0 count as one digit.
+  U w = static_cast<U>(v | 1u);
+  unsigned t = (static_cast<unsigned>(std::bit_width(w)) * 1233u) >> 12;
+  return t + 1 - (static_cast<uint64_t>(w) < kPow10[t]);
+}
+
+// The character of a digit value: '0'..'9', then 'A' upwards.
+template <class Ch>
+constexpr Ch DigitChar(unsigned d) noexcept {
+  return static_cast<Ch>(d < 10 ? '0' + d : '7' + d);
+}
+
+// Writes v in decimal so that its last digit lands just before end.
+template <class Ch, class U>
+inline void WriteDecimalBackwards(Ch* end, U v) noexcept {
+  if constexpr (sizeof(U) > 4) {
+    // 64-bit divisions are dearer; drop to 32 bits as soon as v fits.
+    while (v > 0xFFFFFFFFu) {
+      unsigned r = static_cast<unsigned>(v % 100);
+      v /= 100;
+      end -= 2;
+      end[0] = static_cast<Ch>(kDigitPairs[2 * r]);
+      end[1] = static_cast<Ch>(kDigitPairs[2 * r + 1]);
+    }
+  }
+  uint32_t w = static_cast<uint32_t>(v);
+  while (w >= 100) {
+    unsigned r = w % 100;
+    w /= 100;
+    end -= 2;
+    end[0] = static_cast<Ch>(kDigitPairs[2 * r]);
+    end[1] = static_cast<Ch>(kDigitPairs[2 * r + 1]);
+  }
+  if (w >= 10) {
+    end[-2] = static_cast<Ch>(kDigitPairs[2 * w]);
+    end[-1] = static_cast<Ch>(kDigitPairs[2 * w + 1]);
+  } else {
+    end[-1] = static_cast<Ch>('0' + w);
+  }
+}
+
+// Digits of v in a power-of-two radix (1 << shift); returns the count.
+template <class Ch, class U>
+inline int32_t WritePow2(Ch* out, U v, unsigned shift) noexcept {
+  unsigned bits = static_cast<unsigned>(std::bit_width(v));
+  unsigned n = bits == 0 ? 1 : (bits + shift - 1) / shift;
+  U mask = static_cast<U>((1u << shift) - 1);
+  for (unsigned i = n; i-- > 0;) {
+    out[i] = DigitChar<Ch>(static_cast<unsigned>(v & mask));
+    v >>= shift;
+  }
+  out[n] = 0;
+  return static_cast<int32_t>(n);
+}
+
+// Digits of v in any radix >= 2; returns the count.
+template <class Ch, class U>
+inline int32_t WriteAnyRadix(Ch* out, U v, unsigned radix) noexcept {
+  Ch tmp[kStringConvUnits];
+  Ch* end = tmp + kStringConvUnits;
+  Ch* p = end;
+  do {
+    *--p = DigitChar<Ch>(static_cast<unsigned>(v % radix));
+    v /= radix;
+  } while (v != 0);
+  int32_t n = static_cast<int32_t>(end - p);
+  for (int32_t i = 0; i < n; ++i) out[i] = p[i];
+  out[n] = 0;
+  return n;
+}
+
+// Digits of the unsigned v (32 or 64 bits wide); returns the count.
+template <class Ch, class U>
+inline int32_t WriteUnsigned(Ch* out, U v, int radix) noexcept {
+  if (radix == 10) {
+    unsigned n = DecimalDigits(v);
+    WriteDecimalBackwards(out + n, v);
+    out[n] = 0;
+    return static_cast<int32_t>(n);
+  }
+  unsigned r = static_cast<unsigned>(radix);
+  if ((r & (r - 1)) == 0) return WritePow2(out, v, static_cast<unsigned>(std::countr_zero(r)));
+  return WriteAnyRadix(out, v, r);
+}
+
+// A caller error: reported, nothing written. Defined in the library.
+QUENLIB_API void ReportBadRadix(int radix) noexcept;
+
+// The maximum divided by the radix, with the usual radixes as constants.
+template <class T>
+constexpr T LimitDivRadix(T limit, int radix) noexcept {
+  if (radix == 10) return static_cast<T>(limit / 10);
+  if (radix == 16) return static_cast<T>(limit / 16);
+  return static_cast<T>(limit / static_cast<T>(radix));
+}
+
+// The running value of a parse and its range check.
+//
+// The value is kept as an unsigned magnitude of T's width. For a positive
+// text it may not exceed `limit`; for a negative text it may reach
+// `limit + 1`, the magnitude of the type's minimum. The tests follow the
+// library's original order: first against limitDivRadix (so that the
+// multiplication cannot overflow), then against limit - digit.
+template <class T>
+struct Accumulator {
+  using U = std::make_unsigned_t<T>;
+  U value = 0;
+  U limit;
+  U limitDivRadix;
+  U radix;
+  bool negative = false;
+
+  constexpr Accumulator(T lim, T ldr, int r) noexcept
+      : limit(static_cast<U>(lim)), limitDivRadix(static_cast<U>(ldr)), radix(static_cast<U>(r)) {}
+
+  // Adds one digit; false when the value leaves its range.
+  constexpr bool Push(unsigned digit) noexcept {
+    U d = static_cast<U>(digit);
+    if (value > limitDivRadix) {
+      if (!negative || static_cast<U>(value - 1) > limitDivRadix) return false;
+      return PushAtMinimum(d);
+    }
+    // value <= limitDivRadix, so scaled <= limit and cannot overflow.
+    U scaled = static_cast<U>(value * radix);
+    if (scaled <= limit && d <= static_cast<U>(limit - scaled)) {
+      value = static_cast<U>(scaled + d);
+      return true;
+    }
+    // Past the maximum: a negative text may go exactly one further.
+    if (!negative || scaled > limit || d != static_cast<U>(limit - scaled + 1)) return false;
+    value = static_cast<U>(scaled + d);
+    return true;
+  }
+
+  // The value is limitDivRadix + 1 in a negative text. Only a result of
+  // exactly limit + 1 (the minimum) is accepted: the older code multiplied
+  // here without a test and let larger magnitudes wrap.
+  constexpr bool PushAtMinimum(U d) noexcept {
+    U scaled, sum;
+    if (__builtin_mul_overflow(value, radix, &scaled)) return false;
+    if (__builtin_add_overflow(scaled, d, &sum)) return false;
+    if (limit != std::numeric_limits<U>::max() && sum > static_cast<U>(limit + 1)) return false;
+    value = sum;
+    return true;
+  }
+
+  constexpr T Result() const noexcept {
+    return static_cast<T>(negative ? static_cast<U>(U(0) - value) : value);
+  }
+};
+
+// Classification of one unit.
+enum class UnitKind { kDigit, kStop, kSkip, kBad };
+
+// The reading of unit u: "." (and, in the string form, " ") stops,
+// "x"/"X" is skipped in radix 16 by the string form, '0'..'9' and the
+// letters of either case are digits below the radix. Nothing else is a
+// digit: the punctuation between '9' and 'A' or 'Z' and 'a' never is.
+template <bool kStringForm, class Unit>
+constexpr UnitKind Classify(Unit u, int radix, unsigned& digit) noexcept {
+  int c = static_cast<int>(u);
+  if (c == '.') return UnitKind::kStop;
+  if (kStringForm && c == ' ') return UnitKind::kStop;
+  int d;
+  if (c >= '0' && c <= '9') {
+    d = c - '0';
+  } else {
+    if (radix <= 10) return UnitKind::kBad;
+    if (kStringForm && radix == 16 && (c == 'x' || c == 'X')) return UnitKind::kSkip;
+    if (c >= 'a' && c <= 'z')
+      d = c - 'a' + 10;
+    else if (c >= 'A' && c <= 'Z')
+      d = c - 'A' + 10;
+    else
+      return UnitKind::kBad;
+  }
+  if (d >= radix) return UnitKind::kBad;
+  digit = static_cast<unsigned>(d);
+  return UnitKind::kDigit;
+}
+
+// The decimal loop of the string form, with the radix a constant. Returns
+// false on a bad unit or overflow; stops at "." or " ".
+template <class Unit, class T, bool kMultibyte>
+inline bool ScanDecimal(Unit const* p, uint32_t i, uint32_t n, Accumulator<T>& acc) noexcept {
+  for (; i < n; ++i) {
+    unsigned d = static_cast<unsigned>(static_cast<int>(p[i]) - '0');
+    if (d < 10) {
+      if (!acc.Push(d)) return false;
+      continue;
+    }
+    // A zero unit in multibyte text is where the character count ends
+    // (the count stops at the first zero byte); see ScanUnits.
+    if (kMultibyte && p[i] == 0) return true;
+    return p[i] == '.' || p[i] == ' ';
+  }
+  return true;
+}
+
+template <class Unit, class T, bool kMultibyte>
+inline bool ScanUnits(Unit const* p, uint32_t i, uint32_t n, int radix,
+                      Accumulator<T>& acc) noexcept {
+  if (radix == 10) return ScanDecimal<Unit, T, kMultibyte>(p, i, n, acc);
+  for (; i < n; ++i) {
+    // The scan is bounded by the character count, which for multibyte
+    // text stops at the first zero byte. Any byte at or above 0x80 is not a
+    // digit, so the scan has failed before the count and the byte length
+    // can differ in any other way: a zero byte is the only place where the
+    // byte bound needs correcting.
+    if (kMultibyte && p[i] == 0) return true;
+    unsigned d = 0;
+    switch (Classify<true>(p[i], radix, d)) {
+      case UnitKind::kDigit:
+        if (!acc.Push(d)) return false;
+        break;
+      case UnitKind::kSkip: break;
+      case UnitKind::kStop: return true;
+      case UnitKind::kBad: return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace stringconv_internal
+
+// ---------------------------------------------------------------------------
+// StringConvFromInteger: writes value in radix to out, terminated, and
+// returns the number of units written (terminator excluded).
+//
+// out must hold kStringConvUnits units. Digits above 9 are upper-case
+// letters. A negative value is written with "-" in radix 10 and as the
+// two's complement of T in every other radix. A radix below 2 writes the
+// empty text, returns 0 and reports an assertion.
+template <class Ch, class T>
+  requires stringconv_internal::Integer<T>
+inline int32_t StringConvFromInteger(Ch* out, T value, int radix) noexcept {
+  using namespace stringconv_internal;
+  using U = std::conditional_t<(sizeof(T) > 4), uint64_t, uint32_t>;
+  if (radix < 2) {
+    out[0] = 0;
+    ReportBadRadix(radix);
+    return 0;
+  }
+  if constexpr (std::is_signed_v<T>) {
+    if (value < 0) {
+      using UT = std::make_unsigned_t<T>;
+      UT bits = static_cast<UT>(value);
+      if (radix != 10) return WriteUnsigned(out, static_cast<U>(bits), radix);
+      out[0] = static_cast<Ch>('-');
+      return 1 + WriteUnsigned(out + 1, static_cast<U>(static_cast<UT>(UT(0) - bits)), 10);
+    }
+  }
+  return WriteUnsigned(out, static_cast<U>(value), radix);
+}
+
+// ---------------------------------------------------------------------------
+// StringConvToInteger: reads the whole string s as a number in radix.
+//
+// limit is the largest value accepted and limitDivRadix is limit / radix;
+// a "-" is accepted only when allowMinus is true. The Ch argument is not
+// used (callers pass 0). Returns true and the value in out, or false and 0.
+// See the file comment for the stops and skips. In the multibyte flavour
+// the scan is bounded by the character count, as the library always did.
+template <class Str, class Ch, class T>
+  requires stringconv_internal::Integer<T>
+inline bool StringConvToInteger(Str const& s, T& out, Ch, T limit, T limitDivRadix, int radix,
+                                bool allowMinus) noexcept {
+  using namespace stringconv_internal;
+  using Unit = typename Str::unit_type;
+  out = 0;
+  Unit const* p = s.getString();
+  Accumulator<T> acc(limit, limitDivRadix, radix);
+  uint32_t i = 0;
+  if (p[0] == '-') {
+    if (!allowMinus) return false;
+    acc.negative = true;
+    i = 1;
+  }
+  if (!ScanUnits<Unit, T, Str::kMultibyte>(p, i, s.getLength(), radix, acc)) return false;
+  out = acc.Result();
+  return true;
+}
+
+// ---------------------------------------------------------------------------
+// StringConvToIntegerIterator: reads the range [begin, end) of an
+// SAsciiString as a number, one byte per step. Unlike the string form only
+// "." ends the number early (a space is not a digit) and "x" is never
+// skipped. An empty range gives 0 with success.
+template <class It, class T>
+  requires stringconv_internal::Integer<T>
+inline bool StringConvToIntegerIterator(It begin, It const& end, T& out, T limit, T limitDivRadix,
+                                        int radix, bool allowMinus) noexcept {
+  using namespace stringconv_internal;
+  out = 0;
+  Accumulator<T> acc(limit, limitDivRadix, radix);
+  if (begin < end && (*begin).getChar() == '-') {
+    if (!allowMinus) return false;
+    acc.negative = true;
+    ++begin;
+  }
+  for (; begin < end; ++begin) {
+    unsigned d = 0;
+    UnitKind kind = Classify<false>((*begin).getChar(), radix, d);
+    if (kind == UnitKind::kStop) break;
+    if (kind != UnitKind::kDigit || !acc.Push(d)) return false;
+  }
+  out = acc.Result();
+  return true;
+}
+
+// ---------------------------------------------------------------------------
+// SAnsiStringConv: numbers in SAnsiString text.
+//
+// FromString accepts the type's whole range; unsigned types refuse "-".
+// The 16-bit ToString forms always write decimal: their radix argument is
+// accepted and ignored, as the library always did.
+//
+//   int64_t big = 0;
+//   SAnsiStringConv::FromString("-9223372036854775808", big, 10);
+//   void* handle = nullptr;
+//   SAnsiStringConv::FromString("7ffd1234abcd", handle);  // hexadecimal
+class QUENLIB_API SAnsiStringConv {
+ public:
+  static bool FromString(SAnsiString const& s, signed char& out, int radix = 10) noexcept;
+  static bool FromString(SAnsiString const& s, short& out, int radix = 10) noexcept;
+  static bool FromString(SAnsiString const& s, int& out, int radix = 10) noexcept;
+  static bool FromString(SAnsiString const& s, long& out, int radix = 10) noexcept;
+  static bool FromString(SAnsiString const& s, long long& out, int radix = 10) noexcept;
+  static bool FromString(SAnsiString const& s, unsigned char& out, int radix = 10) noexcept;
+  static bool FromString(SAnsiString const& s, unsigned short& out, int radix = 10) noexcept;
+  static bool FromString(SAnsiString const& s, unsigned int& out, int radix = 10) noexcept;
+  static bool FromString(SAnsiString const& s, unsigned long& out, int radix = 10) noexcept;
+  static bool FromString(SAnsiString const& s, unsigned long long& out, int radix = 10) noexcept;
+  // A pointer-sized value in hexadecimal (up to 16 digits).
+  static bool FromString(SAnsiString const& s, void*& out) noexcept;
+
+  static SAnsiString ToString(short value, int radix = 10);
+  static SAnsiString ToString(unsigned short value, int radix = 10);
+  static SAnsiString ToString(int value, int radix = 10);
+  static SAnsiString ToString(long value, int radix = 10);
+  static SAnsiString ToString(long long value, int radix = 10);
+  static SAnsiString ToString(unsigned char value, int radix = 10);
+  static SAnsiString ToString(unsigned int value, int radix = 10);
+  static SAnsiString ToString(unsigned long value, int radix = 10);
+  static SAnsiString ToString(unsigned long long value, int radix = 10);
+
+  // Two decimal digits, with a leading zero below 10 ("07", "42"); values
+  // of 100 and more are written whole.
+  static SAnsiString StringFrom10Number2Digits(unsigned value);
+  // Plain decimal, no leading zero ("7", "42", "123").
+  static SAnsiString StringFrom100Number(unsigned value);
+};
+
+// The name the library's own messages use for the multibyte converter.
+using SStringConv = SAnsiStringConv;
+
+// ---------------------------------------------------------------------------
+// SWCharStringConv: numbers in SWCharString (UTF-16) text, the same rules.
+//
+//   WChar buf[64];
+//   SWCharStringConv::ToString(buf, 255u, 16);   // u"FF", returns 2
+//   SWCharString w;
+//   SWCharStringConv::ToString(w, -7);          // u"-7"
+class QUENLIB_API SWCharStringConv {
+ public:
+  static bool FromString(SWCharString const& s, signed char& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, short& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, int& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, long& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, long long& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, unsigned char& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, unsigned short& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, unsigned int& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, unsigned long& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, unsigned long long& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, void*& out) noexcept;
+
+  static SWCharString ToString(short value, int radix = 10);
+  static SWCharString ToString(unsigned short value, int radix = 10);
+  static SWCharString ToString(int value, int radix = 10);
+  static SWCharString ToString(long value, int radix = 10);
+  static SWCharString ToString(long long value, int radix = 10);
+  static SWCharString ToString(unsigned char value, int radix = 10);
+  static SWCharString ToString(unsigned int value, int radix = 10);
+  static SWCharString ToString(unsigned long value, int radix = 10);
+  static SWCharString ToString(unsigned long long value, int radix = 10);
+
+  // Into an existing string; returns it.
+  static SWCharString& ToString(SWCharString& out, short value, int radix = 10);
+  static SWCharString& ToString(SWCharString& out, unsigned short value, int radix = 10);
+  static SWCharString& ToString(SWCharString& out, int value, int radix = 10);
+  static SWCharString& ToString(SWCharString& out, long value, int radix = 10);
+  static SWCharString& ToString(SWCharString& out, long long value, int radix = 10);
+  static SWCharString& ToString(SWCharString& out, unsigned char value, int radix = 10);
+  static SWCharString& ToString(SWCharString& out, unsigned int value, int radix = 10);
+  static SWCharString& ToString(SWCharString& out, unsigned long value, int radix = 10);
+  static SWCharString& ToString(SWCharString& out, unsigned long long value, int radix = 10);
+
+  // Into a caller array of 64 units; returns the units written. A text
+  // that does not fit with its terminator (64 binary digits) leaves the
+  // empty text, returns 0 and reports an assertion.
+  static int32_t ToString(WChar (&out)[64], short value, int radix = 10) noexcept;
+  static int32_t ToString(WChar (&out)[64], unsigned short value, int radix = 10) noexcept;
+  static int32_t ToString(WChar (&out)[64], int value, int radix = 10) noexcept;
+  static int32_t ToString(WChar (&out)[64], long value, int radix = 10) noexcept;
+  static int32_t ToString(WChar (&out)[64], long long value, int radix = 10) noexcept;
+  static int32_t ToString(WChar (&out)[64], unsigned char value, int radix = 10) noexcept;
+  static int32_t ToString(WChar (&out)[64], unsigned int value, int radix = 10) noexcept;
+  static int32_t ToString(WChar (&out)[64], unsigned long value, int radix = 10) noexcept;
+  static int32_t ToString(WChar (&out)[64], unsigned long long value, int radix = 10) noexcept;
+};
+
+// The ASCII flavour's counterpart: it has no members; ASCII text is read
+// with StringConvToIntegerIterator or NeutralString.
+class QUENLIB_API SAsciiStringConv {};
+
+}  // namespace QuenLibA500
