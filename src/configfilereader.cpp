@@ -1,0 +1,329 @@
+// ConfigFileReader: sectioned key=value files and XML landscape files,
+// loaded once and looked up by section and key.
+#include <quenlib/codesetconverter.h>
+#include <quenlib/configfilereader.h>
+#include <quenlib/slogger.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <xercesc/dom/DOM.hpp>
+#include <xercesc/parsers/XercesDOMParser.hpp>
+#include <xercesc/sax/HandlerBase.hpp>
+#include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/TransService.hpp>
+#include <xercesc/util/XMLString.hpp>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace QuenLibA500 {
+
+namespace {
+
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
+
+std::string_view trim(std::string_view s) {
+  while (!s.empty() && isBlank(s.front())) s.remove_prefix(1);
+  while (!s.empty() && isBlank(s.back())) s.remove_suffix(1);
+  return s;
+}
+
+SAnsiString ansi(std::string_view s) { return SAnsiString(s.data(), static_cast<unsigned>(s.size())); }
+
+// Reads the whole file. False with a reason text when it cannot be opened
+// or read (the library's file class reports the same way).
+bool readFile(char const* path, std::string& out, std::string& reason) {
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    reason = std::string(path) + ": " + std::strerror(errno);
+    return false;
+  }
+  struct stat st;
+  if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+    ::close(fd);
+    reason = std::string(path) + ": " + std::strerror(EISDIR);
+    return false;
+  }
+  char buf[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n == 0) break;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      reason = std::string(path) + ": " + std::strerror(errno);
+      ::close(fd);
+      return false;
+    }
+    out.append(buf, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return true;
+}
+
+SAnsiString fromUtf16(std::string_view bytes, bool littleEndian) {
+  std::vector<WChar> units;
+  units.reserve(bytes.size() / 2 + 1);
+  for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
+    auto lo = static_cast<unsigned char>(bytes[littleEndian ? i : i + 1]);
+    auto hi = static_cast<unsigned char>(bytes[littleEndian ? i + 1 : i]);
+    units.push_back(static_cast<WChar>(lo | (hi << 8)));
+  }
+  units.push_back(0);
+  size_t need = CodesetConverter::ucs2tombs(nullptr, units.data(), 0xffffffffu);
+  std::string out(need + 1, '\0');
+  size_t got = CodesetConverter::ucs2tombs(out.data(), units.data(), static_cast<unsigned>(out.size()));
+  return ansi(std::string_view(out.data(), got));
+}
+
+SAnsiString fromUtf8(std::string_view bytes) {
+  std::string text(bytes);  // the converter stops at a zero byte
+  return MBCSCodesetConverter::ExplicitCodesetToT(text.c_str(), MBCSCodesetConverter::ECS_UTF8);
+}
+
+bool startsWith(std::string_view s, char const* mark, size_t n) { return s.size() >= n && s.compare(0, n, mark, n) == 0; }
+
+// The file's bytes as locale text in the requested encoding.
+SAnsiString decode(std::string_view bytes, ConfigFileReader::FileEncoding encoding) {
+  using R = ConfigFileReader;
+  bool utf8Mark = startsWith(bytes, "\xef\xbb\xbf", 3);
+  bool leMark = startsWith(bytes, "\xff\xfe", 2);
+  bool beMark = startsWith(bytes, "\xfe\xff", 2);
+  if (encoding == R::FE_Detect)
+    encoding = utf8Mark ? R::FE_UTF8 : leMark ? R::FE_UTF16LE : beMark ? R::FE_UTF16BE : R::FE_Ansi;
+  switch (encoding) {
+    case R::FE_UTF8: return fromUtf8(utf8Mark ? bytes.substr(3) : bytes);
+    case R::FE_UTF16LE: return fromUtf16(leMark ? bytes.substr(2) : bytes, true);
+    case R::FE_UTF16BE: return fromUtf16(beMark ? bytes.substr(2) : bytes, false);
+    default: return ansi(bytes.substr(0, bytes.find('\0')));
+  }
+}
+
+void traceOpenFailure(std::string const& reason) {
+  if (!SLogger::ShouldTrace(SLogger::tl_Warning, __FILE__, __LINE__)) return;
+  std::string text = "ConfigFileReader::initialize() failed to open config file. Reason is: " + reason + ".";
+  SLogger::Trace(SLogger::tl_Warning, text.c_str(), __FILE__, __LINE__);
+}
+
+// ------------------------------------------------------------ XML
+
+// Xerces is started for the duration of one parse (its start and stop are
+// counted, so this nests with other users in the process).
+class XercesSession {
+ public:
+  XercesSession() {
+    try {
+      xercesc::XMLPlatformUtils::Initialize();
+      ok_ = true;
+    } catch (xercesc::XMLException const&) {
+      ok_ = false;
+    }
+  }
+  ~XercesSession() {
+    if (ok_) xercesc::XMLPlatformUtils::Terminate();
+  }
+  XercesSession(XercesSession const&) = delete;
+  XercesSession& operator=(XercesSession const&) = delete;
+  bool ok() const { return ok_; }
+
+ private:
+  bool ok_ = false;
+};
+
+std::string utf8(XMLCh const* text) {
+  if (!text) return {};
+  xercesc::TranscodeToStr t(text, "UTF-8");
+  return std::string(reinterpret_cast<char const*>(t.str()), t.length());
+}
+
+bool sameName(XMLCh const* a, char const* b) {
+  XMLCh* wide = xercesc::XMLString::transcode(b);
+  bool same = xercesc::XMLString::equals(a, wide);
+  xercesc::XMLString::release(&wide);
+  return same;
+}
+
+std::vector<xercesc::DOMElement*> childElements(xercesc::DOMElement* parent, char const* name) {
+  std::vector<xercesc::DOMElement*> out;
+  for (auto* c = parent->getFirstElementChild(); c; c = c->getNextElementSibling())
+    if (sameName(c->getTagName(), name)) out.push_back(c);
+  return out;
+}
+
+// A property of a service: its attribute, else its first child element's
+// text. Line breaks become spaces (a value is one line of a section).
+bool serviceProperty(xercesc::DOMElement* service, char const* name, std::string& value) {
+  XMLCh* attr = xercesc::XMLString::transcode(name);
+  xercesc::DOMAttr* node = service->getAttributeNode(attr);
+  xercesc::XMLString::release(&attr);
+  if (node) {
+    value = utf8(node->getValue());
+  } else {
+    auto children = childElements(service, name);
+    if (children.empty()) return false;
+    value = utf8(children.front()->getTextContent());
+  }
+  for (char& c : value)
+    if (c == '\n' || c == '\r') c = ' ';
+  return true;
+}
+
+char const* const kServiceProperties[] = {"uuid", "name", "server", "Description", "Server", "Database"};
+
+struct XmlSection {
+  std::string name, body;
+};
+
+// The services of a landscape document as section names and bodies.
+bool landscapeSections(char const* path, std::vector<XmlSection>& out) {
+  xercesc::XercesDOMParser parser;
+  parser.setValidationScheme(xercesc::XercesDOMParser::Val_Never);
+  parser.setDoNamespaces(false);
+  parser.setLoadExternalDTD(false);
+  parser.setDisableDefaultEntityResolution(true);
+  parser.setCreateEntityReferenceNodes(false);
+  xercesc::HandlerBase errors;  // throws on fatal errors
+  parser.setErrorHandler(&errors);
+  try {
+    parser.parse(path);
+  } catch (...) {
+    return false;
+  }
+  if (parser.getErrorCount() != 0) return false;
+  xercesc::DOMDocument* doc = parser.getDocument();
+  xercesc::DOMElement* root = doc ? doc->getDocumentElement() : nullptr;
+  if (!root || !sameName(root->getTagName(), "Landscape")) return false;
+  for (auto* services : childElements(root, "Services")) {
+    for (auto* service : childElements(services, "Service")) {
+      XmlSection section;
+      std::string value;
+      for (char const* prop : kServiceProperties) {
+        if (!serviceProperty(service, prop, value)) continue;
+        if (std::strcmp(prop, "name") == 0) section.name = value;
+        section.body.append(prop).append("=").append(value).append("\n");
+      }
+      out.push_back(std::move(section));
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+// ================================================================ sections
+
+ConfigFileReader::SectionData::SectionData(SAnsiString const& name, SAnsiString const& body) : m_name(name) {
+  std::string_view text(body.getString(), body.getLength());
+  while (!text.empty()) {
+    size_t nl = text.find('\n');
+    std::string_view line = trim(text.substr(0, nl));
+    text = nl == std::string_view::npos ? std::string_view() : text.substr(nl + 1);
+    if (line.empty()) continue;
+    // A line without "=" is a key with an empty value.
+    size_t eq = line.find('=');
+    SAnsiString key = ansi(trim(line.substr(0, eq)));
+    SAnsiString value = eq == std::string_view::npos ? SAnsiString() : ansi(trim(line.substr(eq + 1)));
+    if (m_values.emplace(key, value).second) m_order.push_back(key);  // the first occurrence wins
+  }
+}
+
+ConfigFileReader::SectionData::~SectionData() = default;
+
+bool ConfigFileReader::SectionData::lookup(SAnsiString const& key, SAnsiString& value) const {
+  auto it = m_values.find(key);
+  if (it == m_values.end()) return false;
+  value = it->second;
+  return true;
+}
+
+void ConfigFileReader::SectionData::getAllKeys(SIArray<SAnsiString>& keys) const {
+  keys.RemoveAll();
+  for (auto const& k : m_order) keys.Add(k);
+}
+
+// ================================================================ reader
+
+ConfigFileReader::ConfigFileReader() = default;
+ConfigFileReader::~ConfigFileReader() = default;
+
+bool ConfigFileReader::initialize(SAnsiString const& path) { return initialize(path, FE_Detect); }
+
+bool ConfigFileReader::initialize(SAnsiString const& path, FileEncoding encoding) {
+  if (m_initialized) return true;
+  std::string bytes, reason;
+  if (!readFile(path.getString(), bytes, reason)) {
+    traceOpenFailure(reason);
+    return false;
+  }
+  SAnsiString text = decode(bytes, encoding);
+  if (text.isEmpty()) return false;
+  buildConfigData(text);
+  m_initialized = true;
+  return true;
+}
+
+bool ConfigFileReader::initializeFromXML(SAnsiString const& path) {
+  if (m_initialized) return true;
+  if (::access(path.getString(), R_OK) != 0) {
+    traceOpenFailure(std::string(path.getString()) + ": " + std::strerror(errno));
+    return false;
+  }
+  std::vector<XmlSection> sections;
+  {
+    XercesSession session;
+    if (!session.ok() || !landscapeSections(path.getString(), sections)) return false;
+  }
+  for (auto const& s : sections) buildConfigDataFromXML(fromUtf8(s.name), fromUtf8(s.body));
+  m_initialized = true;
+  return true;
+}
+
+void ConfigFileReader::buildConfigData(SAnsiString const& all) {
+  std::string_view text(all.getString(), all.getLength());
+  size_t pos = 0;
+  for (;;) {
+    size_t open = text.find('[', pos);
+    if (open == std::string_view::npos) return;
+    size_t close = text.find(']', open + 1);
+    if (close == std::string_view::npos) return;
+    // The body runs to the next line that starts with "[".
+    size_t end = text.find("\n[", close + 1);
+    std::string_view body = text.substr(close + 1, end == std::string_view::npos ? end : end - close - 1);
+    m_sections.Add(CSmartRefCountPtr<SectionData>(
+        new SectionData(ansi(text.substr(open + 1, close - open - 1)), ansi(body))));
+    if (end == std::string_view::npos) return;
+    pos = end + 1;
+  }
+}
+
+void ConfigFileReader::buildConfigDataFromXML(SAnsiString const& name, SAnsiString const& body) {
+  m_sections.Add(CSmartRefCountPtr<SectionData>(new SectionData(name, body)));
+}
+
+SAnsiString ConfigFileReader::getValue(SAnsiString const& section, SAnsiString const& key,
+                                       SAnsiString const& defaultValue) const {
+  SAnsiString value;
+  for (auto const& s : m_sections)
+    if (s->getSectionName() == section && s->lookup(key, value)) return value;
+  return defaultValue;
+}
+
+bool ConfigFileReader::getSections(SIArray<SAnsiString>& sections) const {
+  sections.RemoveAll();
+  for (auto const& s : m_sections) sections.Add(s->getSectionName());
+  return m_initialized;
+}
+
+bool ConfigFileReader::enumerateSection(SAnsiString const& section, SIArray<SAnsiString>& keys) const {
+  for (auto const& s : m_sections) {
+    if (!(s->getSectionName() == section)) continue;
+    s->getAllKeys(keys);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace QuenLibA500

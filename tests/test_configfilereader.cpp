@@ -1,0 +1,238 @@
+// Configuration files (sections of key=value lines, XML landscapes) and the
+// configuration manager's server list in the registry.
+#include <quenlib/configfilereader.h>
+#include <quenlib/slogger.h>
+#include <registrykeys/configmgr_regkeys.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+using namespace QuenLibA500;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
+
+std::vector<std::string> strs(SIArray<SAnsiString> const& a) {
+  std::vector<std::string> v;
+  for (auto const& s : a) v.push_back(str(s));
+  return v;
+}
+
+class ConfigFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/configfileXXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir = tmpl;
+  }
+  void TearDown() override {
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+  }
+  SAnsiString write(char const* name, std::string const& bytes) {
+    std::string path = dir + "/" + name;
+    std::ofstream(path, std::ios::binary) << bytes;
+    return SAnsiString(path.c_str());
+  }
+  std::string dir;
+};
+
+}  // namespace
+
+TEST_F(ConfigFile, SectionsAndLines) {
+  ConfigFileReader r;
+  EXPECT_FALSE(r.isInitialized());
+  ASSERT_TRUE(r.initialize(write("a.cfg",
+                                 "ignored=before\n"
+                                 "[First]\n"
+                                 "  key = value  \n"
+                                 "url=http://h/?a=b=c\n"
+                                 "\n"
+                                 "key=second\n"
+                                 "bare\n"
+                                 "not[a]section=x\r\n"
+                                 "[Second]inline=yes\n"
+                                 "k=v\n"
+                                 "[Empty]\n")));
+  EXPECT_TRUE(r.isInitialized());
+  SIArray<SAnsiString> sections, keys;
+  ASSERT_TRUE(r.getSections(sections));
+  EXPECT_EQ(strs(sections), (std::vector<std::string>{"First", "Second", "Empty"}));
+  struct {
+    char const* section;
+    char const* key;
+    char const* want;
+  } rows[] = {
+      {"First", "key", "value"},              // trimmed; the first line wins
+      {"First", "url", "http://h/?a=b=c"},    // everything after the first "="
+      {"First", "bare", ""},                  // no "=": empty value
+      {"First", "not[a]section", "x"},        // "[" inside a line starts nothing
+      {"Second", "inline", "yes"},            // right after the "]"
+      {"Second", "k", "v"},
+      {"First", "KEY", "<default>"},          // exact keys
+      {"first", "key", "<default>"},          // exact section names
+      {"Missing", "key", "<default>"},
+      {"First", "ignored", "<default>"},      // text before the first "["
+  };
+  for (auto const& row : rows)
+    EXPECT_EQ(str(r.getValue(row.section, row.key, "<default>")), row.want) << row.section << "/" << row.key;
+  ASSERT_TRUE(r.enumerateSection("First", keys));
+  EXPECT_EQ(strs(keys), (std::vector<std::string>{"key", "url", "bare", "not[a]section"}));
+  ASSERT_TRUE(r.enumerateSection("Empty", keys));
+  EXPECT_TRUE(keys.IsEmpty());
+  EXPECT_FALSE(r.enumerateSection("Missing", keys));
+}
+
+TEST_F(ConfigFile, LoadsOnceAndRefusesEmptyOrMissingFiles) {
+  ConfigFileReader r;
+  SIArray<SAnsiString> sections;
+  EXPECT_FALSE(r.getSections(sections));
+  EXPECT_EQ(str(r.getValue("s", "k", "d")), "d");
+
+  std::vector<std::string> traced;
+  SetTraceObserver(
+      [](void* ctx, int, char const*, int, char const* text) {
+        static_cast<std::vector<std::string>*>(ctx)->push_back(text);
+      },
+      &traced);
+  std::string missing = dir + "/missing.cfg";
+  EXPECT_FALSE(r.initialize(missing.c_str()));
+  SetTraceObserver(nullptr, nullptr);
+  ASSERT_EQ(traced.size(), 1u);
+  EXPECT_NE(traced[0].find("ConfigFileReader::initialize() failed to open config file. Reason is: " + missing +
+                           ": No such file or directory."),
+            std::string::npos)
+      << traced[0];
+
+  EXPECT_FALSE(r.initialize(write("empty.cfg", "")));
+  EXPECT_FALSE(r.isInitialized());
+  ASSERT_TRUE(r.initialize(write("one.cfg", "[A]\nk=1\n")));
+  EXPECT_TRUE(r.initialize(write("two.cfg", "[B]\nk=2\n")));  // kept the first
+  EXPECT_EQ(str(r.getValue("A", "k", "")), "1");
+  EXPECT_EQ(str(r.getValue("B", "k", "none")), "none");
+
+  ConfigFileReader noSections;
+  ASSERT_TRUE(noSections.initialize(write("plain.cfg", "just=text\n")));
+  ASSERT_TRUE(noSections.getSections(sections));
+  EXPECT_TRUE(sections.IsEmpty());
+
+  ConfigFileReader copy = r;  // shares the sections
+  EXPECT_EQ(str(copy.getValue("A", "k", "")), "1");
+}
+
+TEST_F(ConfigFile, Encodings) {
+  std::string utf16le = "\xff\xfe", utf16be = "\xfe\xff";
+  for (char c : std::string("[S]\r\nk=v16\r\n")) {
+    utf16le += std::string{c, '\0'};
+    utf16be += std::string{'\0', c};
+  }
+  struct {
+    char const* file;
+    std::string bytes;
+    ConfigFileReader::FileEncoding encoding;
+    char const* want;
+  } rows[] = {
+      {"bom8.cfg", "\xef\xbb\xbf[S]\nk=v8\n", ConfigFileReader::FE_Detect, "v8"},
+      {"le.cfg", utf16le, ConfigFileReader::FE_Detect, "v16"},
+      {"be.cfg", utf16be, ConfigFileReader::FE_Detect, "v16"},
+      {"le2.cfg", utf16le, ConfigFileReader::FE_UTF16LE, "v16"},
+      {"u8.cfg", "[S]\nk=plain\n", ConfigFileReader::FE_UTF8, "plain"},
+      {"ansi.cfg", "[S]\nk=ansi\n", ConfigFileReader::FE_Ansi, "ansi"},
+  };
+  for (auto const& row : rows) {
+    ConfigFileReader r;
+    ASSERT_TRUE(r.initialize(write(row.file, row.bytes), row.encoding)) << row.file;
+    EXPECT_EQ(str(r.getValue("S", "k", "")), row.want) << row.file;
+  }
+}
+
+TEST_F(ConfigFile, LandscapeXml) {
+  std::string xml =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<Landscape>\n"
+      "  <Services>\n"
+      "    <Service uuid=\"u-1\" name=\"Alpha\" server=\"host1\">\n"
+      "      <Description>First\nservice</Description>\n"
+      "      <Database>db=1</Database>\n"
+      "    </Service>\n"
+      "    <Service uuid=\"u-2\">\n"
+      "      <name>Beta</name>\n"
+      "      <Server>host2</Server>\n"
+      "    </Service>\n"
+      "  </Services>\n"
+      "</Landscape>\n";
+  ConfigFileReader r;
+  ASSERT_TRUE(r.initializeFromXML(write("land.xml", xml)));
+  SIArray<SAnsiString> sections, keys;
+  ASSERT_TRUE(r.getSections(sections));
+  EXPECT_EQ(strs(sections), (std::vector<std::string>{"Alpha", "Beta"}));
+  EXPECT_EQ(str(r.getValue("Alpha", "server", "")), "host1");
+  EXPECT_EQ(str(r.getValue("Alpha", "Description", "")), "First service");
+  EXPECT_EQ(str(r.getValue("Alpha", "Database", "")), "db=1");
+  EXPECT_EQ(str(r.getValue("Beta", "Server", "")), "host2");
+  ASSERT_TRUE(r.enumerateSection("Beta", keys));
+  EXPECT_EQ(strs(keys), (std::vector<std::string>{"uuid", "name", "Server"}));
+
+  ConfigFileReader bad, wrongRoot, missing;
+  EXPECT_FALSE(bad.initializeFromXML(write("bad.xml", "<Landscape><Services>")));
+  EXPECT_FALSE(bad.isInitialized());
+  EXPECT_FALSE(wrongRoot.initializeFromXML(write("root.xml", "<Other/>")));
+  EXPECT_FALSE(missing.initializeFromXML((dir + "/none.xml").c_str()));
+}
+
+TEST_F(ConfigFile, SectionDataOnItsOwn) {
+  ConfigFileReader::SectionData s("Name", "a=1\n a = 2\n\n b=x=y \n");
+  EXPECT_EQ(str(s.getSectionName()), "Name");
+  SAnsiString v;
+  ASSERT_TRUE(s.lookup("a", v));
+  EXPECT_EQ(str(v), "1");
+  ASSERT_TRUE(s.lookup("b", v));
+  EXPECT_EQ(str(v), "x=y");
+  EXPECT_FALSE(s.lookup("c", v));
+  SIArray<SAnsiString> keys;
+  s.getAllKeys(keys);
+  EXPECT_EQ(strs(keys), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST_F(ConfigFile, ConfigManagerServers) {
+  setenv("QUENLIB_REGISTRY_DIR", dir.c_str(), 1);
+  std::vector<std::string> messages;
+  SetAssertObserver(
+      [](void* ctx, char const*, int, char const*, char const* msg) {
+        static_cast<std::vector<std::string>*>(ctx)->push_back(msg ? msg : "");
+      },
+      &messages);
+  SIArray<ConfigMgrRegistry::ServerType> list;
+  ConfigMgrRegistry cm("");
+  EXPECT_FALSE(cm.Get(list));  // no key yet
+  EXPECT_EQ(str(cm.GetKeyName()), "Software\\Orrin Tolvane\\Suite KR 4.0\\Config Manager");
+
+  CompanyRegistry full("Config Manager\\Full", "Software\\Orrin Tolvane\\Suite KR 4.0\\", HKEY_LOCAL_MACHINE,
+                       true);
+  for (char const* name : {"ServiceName", "Path", "Dependency", "CommandLine", "IsDependsOnEbus"})
+    ASSERT_TRUE(full.WriteValue(name, SAnsiString(name) + "-value"));
+  CompanyRegistry partial("Config Manager\\Partial", "Software\\Orrin Tolvane\\Suite KR 4.0\\",
+                          HKEY_LOCAL_MACHINE, true);
+  ASSERT_TRUE(partial.WriteValue("ServiceName", SAnsiString("svc")));
+
+  ASSERT_TRUE(cm.Get(list));
+  SetAssertObserver(nullptr, nullptr);
+  unsetenv("QUENLIB_REGISTRY_DIR");
+  ASSERT_EQ(list.GetSize(), 2);
+  EXPECT_EQ(str(list[0].ServerKey), "Full");
+  EXPECT_EQ(str(list[0].CommandLine), "CommandLine-value");
+  EXPECT_EQ(str(list[0].IsDependsOnEbus), "IsDependsOnEbus-value");
+  EXPECT_EQ(str(list[1].ServerKey), "Partial");
+  EXPECT_EQ(str(list[1].ServiceName), "svc");
+  EXPECT_EQ(messages, (std::vector<std::string>{"SocksServerRegistry::Get Invalid value for path",
+                                                "SocksServerRegistry::Get Invalid value for dependency",
+                                                "SocksServerRegistry::Get Invalid value for command line",
+                                                "SocksServerRegistry::Get Invalid value for depend on ebus"}));
+}
