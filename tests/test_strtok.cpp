@@ -1,0 +1,192 @@
+// Tokenizers: cutting at a whole delimiter text, the two RightStr
+// behaviours, the delimiter that Next(d) leaves behind, and multibyte
+// delimiters in UTF-8 and EUC-JP.
+#include <quenlib/strtok.h>
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <string>
+#include <vector>
+
+using namespace QuenLibA500;
+
+namespace {
+
+std::string Str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
+
+// Every piece until the tokenizer is empty.
+template <class Tok>
+std::vector<std::string> Drain(Tok& t) {
+  std::vector<std::string> out;
+  for (int guard = 0; !t.IsEmpty() && guard < 100; ++guard) out.push_back(Str(t.Next()));
+  return out;
+}
+
+using Pieces = std::vector<std::string>;
+
+struct CutCase {
+  char const* text;
+  char const* delimiter;
+  Pieces pieces;
+};
+
+class Cut : public ::testing::TestWithParam<CutCase> {};
+
+TEST_P(Cut, BothClassesYieldTheSamePieces) {
+  CutCase const& c = GetParam();
+  RSStrTok r(c.text);
+  r.SetToken(c.delimiter);
+  EXPECT_EQ(Drain(r), c.pieces);
+  EXPECT_TRUE(r.IsEmpty());
+  EXPECT_EQ(Str(r.Next()), "");
+  SStrTok s(c.text, c.delimiter);
+  EXPECT_EQ(Drain(s), c.pieces);
+  EXPECT_EQ(Str(s.Next()), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Pieces, Cut,
+    ::testing::Values(CutCase{"a,b,,c", ",", {"a", "b", "", "c"}},
+                      CutCase{"a::b", "::", {"a", "b"}},
+                      CutCase{"a:b::c", "::", {"a:b", "c"}},
+                      CutCase{"no delimiter", ",", {"no delimiter"}},
+                      CutCase{",a", ",", {"", "a"}},
+                      // A trailing delimiter leaves nothing behind it.
+                      CutCase{"a,", ",", {"a"}},
+                      CutCase{",,", ",", {"", ""}},
+                      CutCase{"abcabc", "abc", {"", ""}},
+                      CutCase{"x", "xyz", {"x"}},
+                      CutCase{"a b", "", {"a b"}},
+                      CutCase{"", ",", {}}));
+
+TEST(RSStrTok, NextWithDelimiterKeepsIt) {
+  RSStrTok t("a;b;c,d");
+  EXPECT_EQ(Str(t.Next(';')), "a");
+  EXPECT_EQ(Str(t.Next()), "b");
+  EXPECT_EQ(Str(t.rest()), "c,d");
+  EXPECT_EQ(Str(t.Next(",")), "c");
+  EXPECT_EQ(Str(t.Next()), "d");
+  EXPECT_TRUE(t.IsEmpty());
+}
+
+TEST(RSStrTok, RightStrReturnsTheSecondPieceAndConsumesIt) {
+  RSStrTok t("x=1&y=2&z=3");
+  EXPECT_EQ(Str(t.RightStr("&")), "y=2");
+  EXPECT_EQ(Str(t.rest()), "z=3");
+
+  RSStrTok c("x=1&y=2&z=3");
+  EXPECT_EQ(Str(c.RightStr('&')), "y=2");
+  EXPECT_EQ(Str(c.RightStr()), "");  // drops "z=3", nothing follows
+  EXPECT_TRUE(c.IsEmpty());
+
+  RSStrTok n("k=v");
+  EXPECT_EQ(Str(n.RightStr("=")), "v");
+  EXPECT_TRUE(n.IsEmpty());
+}
+
+TEST(RSStrTok, LeftStrFormsAreNext) {
+  RSStrTok t("a|b/c/d");
+  EXPECT_EQ(Str(t.LeftStr("|")), "a");
+  EXPECT_EQ(Str(t.LeftStr('/')), "b");
+  EXPECT_EQ(Str(t.LeftStr()), "c");
+  EXPECT_EQ(Str(t.LeftStr()), "d");
+  EXPECT_TRUE(t.IsEmpty());
+}
+
+TEST(RSStrTok, SetAndCopyAreIndependent) {
+  RSStrTok t;
+  EXPECT_TRUE(t.IsEmpty());
+  t.Set("1 2 3");
+  t.SetToken(' ');
+  RSStrTok copy(t);
+  EXPECT_EQ(Str(t.Next()), "1");
+  EXPECT_EQ(Str(copy.rest()), "1 2 3");
+  EXPECT_EQ(Str(copy.Next()), "1");
+  RSStrTok assigned;
+  assigned = t;
+  EXPECT_EQ(Str(assigned.Next()), "2");
+  EXPECT_EQ(Str(t.rest()), "2 3");
+  t.Set(SAnsiString("p q"));
+  EXPECT_EQ(Str(t.Next()), "p");
+}
+
+TEST(SStrTok, RightStrReturnsTheRestAndLeavesIt) {
+  SStrTok t("x=1&y=2&z=3", "&");
+  EXPECT_EQ(Str(t.RightStr()), "y=2&z=3");
+  EXPECT_EQ(Str(t.GetString()), "y=2&z=3");
+  EXPECT_EQ(Str(t.Next()), "y=2");
+  EXPECT_EQ(Str(t.LeftStr()), "z=3");
+  EXPECT_TRUE(t.IsEmpty());
+}
+
+TEST(SStrTok, SettersReplaceTextAndDelimiter) {
+  SStrTok t(SAnsiString("a-b"), SAnsiString("-"));
+  t.Set(SAnsiString("1+2+3"), SAnsiString("+"));
+  EXPECT_EQ(Str(t.Next()), "1");
+  t.SetToken('2');
+  EXPECT_EQ(Str(t.Next()), "");
+  EXPECT_EQ(Str(t.GetString()), "+3");
+  t.SetString("u..v");
+  t.SetToken("..");
+  EXPECT_EQ(Str(t.Next()), "u");
+  t.SetString(SAnsiString("m n"));
+  t.SetToken(SAnsiString(" "));
+  SStrTok copy(t);
+  EXPECT_EQ(Str(t.Next()), "m");
+  EXPECT_EQ(Str(copy.GetString()), "m n");
+}
+
+// A derived reader through the protected default constructor.
+class LineReader : public SStrTok {
+ public:
+  explicit LineReader(char const* text) {
+    SetString(text);
+    SetToken("\r\n");
+  }
+};
+
+TEST(SStrTok, DerivedClassThroughBasePointer) {
+  SStrTok* r = new LineReader("HELO a\r\nMAIL b\r\n");
+  EXPECT_EQ(Str(r->Next()), "HELO a");
+  EXPECT_EQ(Str(r->Next()), "MAIL b");
+  EXPECT_TRUE(r->IsEmpty());
+  delete r;
+}
+
+// Multibyte text: the delimiter is matched by whole characters and the
+// cursor steps over it by characters.
+class MultibyteTok : public ::testing::Test {
+ protected:
+  void Use(char const* name) {
+    if (!std::setlocale(LC_ALL, name)) GTEST_SKIP() << "locale " << name << " is not installed";
+  }
+  void TearDown() override { std::setlocale(LC_ALL, "C"); }
+};
+
+TEST_F(MultibyteTok, Utf8Delimiters) {
+  Use("C.UTF-8");
+  // "é" (C3 A9) as the delimiter, one character of two bytes.
+  RSStrTok t("ab\xC3\xA9" "cd\xC3\xA9\xC3\xA9" "e");
+  t.SetToken("\xC3\xA9");
+  EXPECT_EQ(Drain(t), (Pieces{"ab", "cd", "", "e"}));
+  // A three-byte delimiter made of two characters, among multibyte text.
+  SStrTok s("\xE6\x97\xA5-\xE2\x86\x92-\xE6\x9C\xAC", "-\xE2\x86\x92");
+  EXPECT_EQ(Str(s.Next()), "\xE6\x97\xA5");
+  EXPECT_EQ(Str(s.GetString()), "-\xE6\x9C\xAC");
+}
+
+TEST_F(MultibyteTok, EucJpTrailByteIsNotADelimiter) {
+  Use("ja_JP.EUC-JP");
+  // In EUC-JP "\xA4\xA2" is one character; the delimiter "\xA2\xA4" occurs
+  // in the bytes "\xA4\xA2\xA4\xA2" only across a character boundary.
+  RSStrTok t("\xA4\xA2\xA4\xA2" "x\xA2\xA4" "y");
+  t.SetToken("\xA2\xA4");
+  EXPECT_EQ(Str(t.Next()), "\xA4\xA2\xA4\xA2" "x");
+  EXPECT_EQ(Str(t.Next()), "y");
+  // A double-byte delimiter steps two bytes.
+  SStrTok s("1\xB0\xA1" "2\xB0\xA1" "3", "\xB0\xA1");
+  EXPECT_EQ(Str(s.RightStr()), "2\xB0\xA1" "3");
+}
+
+}  // namespace
