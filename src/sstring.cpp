@@ -104,6 +104,30 @@ WChar MapWideUnit(WChar u, bool upper) {
 
 int Sign(int r) { return (r > 0) - (r < 0); }
 
+// Steps up to n characters from p (not beyond end); returns how many.
+template <class S, class Unit>
+unsigned Advance(Unit const*& p, unsigned n, Unit const* end);
+
+// First byte at or after p (before end) that is 0x80 or above; end if none.
+char const* NextHighByte(char const* p, char const* end) {
+#if defined(__SSE2__)
+  while (end - p >= 16) {
+    __m128i v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
+    if (int m = _mm_movemask_epi8(v)) return p + __builtin_ctz(static_cast<unsigned>(m));
+    p += 16;
+  }
+#endif
+  constexpr uint64_t kHigh = 0x8080808080808080ull;
+  while (end - p >= 8) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    if (uint64_t m = v & kHigh) return p + (__builtin_ctzll(m) >> 3);
+    p += 8;
+  }
+  while (p < end && static_cast<unsigned char>(*p) < 0x80) ++p;
+  return p;
+}
+
 // The C library's ASCII case-insensitive comparison, unsigned bytes.
 int AsciiCompareNoCase(char const* a, char const* b) {
   for (;; ++a, ++b) {
@@ -615,6 +639,21 @@ template <class Unit, int Flag>
 unsigned SString_t<Unit, Flag>::countChars() const noexcept {
   Unit const* p = getString();
   unsigned n = 0;
+  if constexpr (kMultibyte) {
+    // Runs of bytes below 0x80 are counted in one go.
+    Unit const* end = p + ::strnlen(p, getLength());
+    while (p < end) {
+      if (static_cast<unsigned char>(*p) < 0x80) {
+        Unit const* hi = NextHighByte(p, end);
+        n += static_cast<unsigned>(hi - p);
+        p = hi;
+      } else {
+        p += StepLength(p);
+        ++n;
+      }
+    }
+    return n;
+  }
   for (unsigned step; (step = StepLength(p)) != 0; p += step) ++n;
   return n;
 }
@@ -642,10 +681,9 @@ unsigned SString_t<Unit, Flag>::getCharIndex(iterator const& it) const noexcept 
 
 template <class Unit, int Flag>
 Unit const* SString_t<Unit, Flag>::charPtr(unsigned i) const noexcept {
-  if constexpr (!kMultibyte) return getString() + (i < getLength() ? i : getLength());
-  iterator it(*this);
-  it += i;
-  return it.m_cursor;
+  Unit const* p = getString();
+  Advance<SString_t>(p, i, endPtr());
+  return p;
 }
 
 template <class Unit, int Flag>
@@ -762,6 +800,23 @@ namespace {
 template <class S, class Unit>
 unsigned Advance(Unit const*& p, unsigned n, Unit const* end) {
   unsigned done = 0;
+  if constexpr (S::kMultibyte) {
+    // The text ends at its first zero byte; runs of one-byte characters
+    // are skipped in one go.
+    end = p + ::strnlen(p, static_cast<size_t>(end - p));
+    while (done < n && p < end) {
+      if (static_cast<unsigned char>(*p) < 0x80) {
+        size_t take = static_cast<size_t>(NextHighByte(p, end) - p);
+        if (take > n - done) take = n - done;
+        p += take;
+        done += static_cast<unsigned>(take);
+      } else {
+        p += S::StepLength(p);
+        ++done;
+      }
+    }
+    return done;
+  }
   for (; done < n && p < end; ++done) {
     unsigned step = S::StepLength(p);
     if (step == 0) break;
@@ -960,26 +1015,6 @@ bool MatchAt(Unit const* p, Unit const* needle, unsigned n) {
     }
     return true;
   }
-}
-
-// First byte at or after p (before end) that is 0x80 or above; end if none.
-char const* NextHighByte(char const* p, char const* end) {
-#if defined(__SSE2__)
-  while (end - p >= 16) {
-    __m128i v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
-    if (int m = _mm_movemask_epi8(v)) return p + __builtin_ctz(static_cast<unsigned>(m));
-    p += 16;
-  }
-#endif
-  constexpr uint64_t kHigh = 0x8080808080808080ull;
-  while (end - p >= 8) {
-    uint64_t v;
-    std::memcpy(&v, p, 8);
-    if (uint64_t m = v & kHigh) return p + (__builtin_ctzll(m) >> 3);
-    p += 8;
-  }
-  while (p < end && static_cast<unsigned char>(*p) < 0x80) ++p;
-  return p;
 }
 
 // Multibyte search. Runs of bytes below 0x80 are one-byte characters, so

@@ -147,7 +147,7 @@ SAnsiString::iterator NaiveFind(SAnsiString const& hay, SAnsiString const& needl
   return end;
 }
 
-TEST_F(Utf8, FindAgreesWithCharacterByCharacterSearch) {
+TEST_F(Utf8, SearchAndCountingAgreeWithCharacterWalks) {
   // Mixed one-byte, multibyte, invalid and truncated pieces, long enough
   // for the vectorised scanning of one-byte runs to matter.
   char const* pieces[] = {"a", "b", "ab", "\xC3\xA9", "\xE2\x82\xAC", "\xFF", "\xC3", "\xA9", "xyzxyzxyzxyzxyzxyz"};
@@ -163,6 +163,16 @@ TEST_F(Utf8, FindAgreesWithCharacterByCharacterSearch) {
     from += 3;
     SAnsiString rest = hay.mid(from);
     EXPECT_EQ(from.find(needle) - from, NaiveFind(rest, needle) - SAnsiString::iterator(rest));
+    // Counting and positioning skip one-byte runs in bulk; they must agree
+    // with stepping one character at a time.
+    unsigned walked = 0;
+    for (SAnsiString::iterator it(hay); !it.isAtEnd(); ++it) ++walked;
+    ASSERT_EQ(hay.getNChars(), walked) << "round " << round;
+    unsigned k = walked ? next() % (walked + 2) : 0;
+    SAnsiString::iterator at(hay);
+    at += k;
+    EXPECT_EQ(hay.left(k).getLength(), static_cast<unsigned>(at - SAnsiString::iterator(hay)));
+    EXPECT_TRUE(hay.mid(k) == hay.mid(at));
   }
 }
 
