@@ -1,15 +1,28 @@
-// A program outside the tree that uses the installed library.
+// A program outside the tree that uses the installed library through the
+// umbrella header: strings, conversions and the version.
 #include <quenlib/quenlib.h>
 
 #include <cstdio>
 #include <cstring>
 
+using namespace QuenLibA500;
+
 int main() {
-  char const* v = QuenLibA500::LibraryVersion();
-  if (std::strcmp(v, "5.0.0") != 0) {
-    std::fprintf(stderr, "unexpected version %s\n", v);
+  if (std::strcmp(LibraryVersion(), "5.0.0") != 0) {
+    std::fprintf(stderr, "unexpected version %s\n", LibraryVersion());
     return 1;
   }
-  std::puts("consumer ok");
+  SAnsiString a("hello");
+  SAnsiString b = a;
+  b += ", world";
+  if (a != SAnsiString("hello") || b.getNChars() != 12) {
+    std::fputs("string sharing broken\n", stderr);
+    return 1;
+  }
+  if (!(SAnsiString("b") < SAnsiString("aa"))) {
+    std::fputs("ordering broken\n", stderr);
+    return 1;
+  }
+  std::printf("consumer ok: %s\n", b.getString());
   return 0;
 }
