@@ -538,6 +538,10 @@ TYPED_TEST(AllFlavours, CharacterProperties) {
   EXPECT_EQ(w[0], u'k');
   EXPECT_EQ(C('k').toBrimChar(w), 1u);
   EXPECT_EQ(C().toWideChar(w), 0u);
+  typename C::CharData d{};
+  d.units[0] = 'x';
+  EXPECT_EQ(C(d), C('x'));
+  EXPECT_EQ(C(d).getData().units[0], 'x');
 }
 
 TEST(SCharConstants, FlavourAnswers) {

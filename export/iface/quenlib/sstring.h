@@ -279,15 +279,21 @@ class QUENLIB_API SString_t {
   }
   // Units before the terminator of s.
   static unsigned UnitLength(Unit const* s) noexcept {
-    unsigned n = 0;
-    while (s[n] != 0) ++n;
-    return n;
+    if constexpr (sizeof(Unit) == 1) {
+      return static_cast<unsigned>(std::strlen(s));
+    } else {
+      unsigned n = 0;
+      while (s[n] != 0) ++n;
+      return n;
+    }
   }
 
   // ---- construction
   SString_t() noexcept : m_buffer(GetEmptyBuffer()) {}
   SString_t(char_type const& c);
   SString_t(SString_t const& o) noexcept : m_buffer(nullptr) { setBuffer(o.m_buffer); }
+  // Moving leaves the source empty (construction) or holding the target's
+  // old text (assignment swaps the buffers).
   SString_t(SString_t&& o) noexcept : m_buffer(o.m_buffer) {
     o.m_buffer = GetEmptyBuffer();
   }
