@@ -30,6 +30,7 @@
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
+#include <charconv>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -716,14 +717,35 @@ void notifyTrace(Bridge& b, int level, std::string_view source, int line, std::s
   fn(ctx, level, s.c_str(), line, t.c_str());
 }
 
+void appendText(spdlog::memory_buf_t& buf, std::string_view s) { buf.append(s.data(), s.data() + s.size()); }
+
+// "<label padded to 7> <source>(<line>): <2*depth blanks><text>"
+void appendLineBody(spdlog::memory_buf_t& buf, std::string_view label, std::string_view source, int line,
+                    unsigned depth, std::string_view text) {
+  static constexpr char kBlanks[] = "                                ";
+  appendText(buf, label);
+  buf.append(kBlanks, kBlanks + (label.size() < 8 ? 8 - label.size() : 1));
+  appendText(buf, source);
+  buf.push_back('(');
+  char digits[16];
+  auto res = std::to_chars(digits, digits + sizeof digits, line);
+  buf.append(digits, res.ptr);
+  appendText(buf, "): ");
+  for (size_t pad = static_cast<size_t>(depth) * 2; pad > 0;) {
+    size_t const n = std::min(pad, sizeof kBlanks - 1);
+    buf.append(kBlanks, kBlanks + n);
+    pad -= n;
+  }
+  appendText(buf, text);
+}
+
 // Writes one line to spdlog and the plug-ins (the observer is told first).
 void deliver(int level, char const* label, std::string_view source, int line, std::string_view text,
              unsigned depth) {
   Bridge& b = bridge();
   notifyTrace(b, level, source, line, text);
   spdlog::memory_buf_t buf;
-  fmt::format_to(std::back_inserter(buf), "{:<7} {}({}): {:{}}{}", label, source, line, "",
-                 static_cast<size_t>(depth) * 2, text);
+  appendLineBody(buf, label, source, line, depth, text);
   std::shared_lock<std::shared_mutex> g(b.lock);
   b.logger->log(spdlogLevel(level), spdlog::string_view_t(buf.data(), buf.size()));
   if (!b.hasPlugins.load(std::memory_order_relaxed)) return;
@@ -1128,7 +1150,7 @@ void TraceBridge::Assert(char const* file, int line, char const* condition, char
     std::fprintf(stderr, "%s: %s:%d: %s\n", programName().c_str(), source.c_str(), line, text.c_str());
   } else {
     spdlog::memory_buf_t buf;
-    fmt::format_to(std::back_inserter(buf), "{:<7} {}({}): {}", "Assert", source, line, text);
+    appendLineBody(buf, "Assert", source, line, 0, text);
     std::shared_lock<std::shared_mutex> g(b.lock);
     b.logger->log(spdlog::level::err, spdlog::string_view_t(buf.data(), buf.size()));
   }

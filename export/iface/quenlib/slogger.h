@@ -125,7 +125,8 @@ class QUENLIB_API SLogger {
   static bool ShouldTrace(int level, char const* file, int line) {
     uint32_t const s = detail::gTraceState.load(std::memory_order_relaxed);
     if (static_cast<unsigned>(level) < static_cast<unsigned>(kLevelCount)) {
-      if ((s & (1u << level)) == 0) return false;
+      // Laid out for the common case, a level that is off.
+      if (__builtin_expect((s & (1u << level)) == 0, 1)) return false;
       if ((s & detail::kStateSlowPath) == 0) return true;
     }
     return ShouldTraceSlow(level, file, line);
