@@ -4,6 +4,7 @@
 // the bytes); encoding the decoded text and decoding it again gives the
 // same text, with U+FFFD turned into "?"; Latin1 and 1252 agree.
 #include <quenlib/codesetconverter.h>
+#include <quenlib/paramlineargs.h>
 #include <quenlib/slogger.h>
 
 #include "internal/utfcore.h"
@@ -70,8 +71,9 @@ std::string encode(std::string const& text, MB::ExplicitCodeset cs) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::setlocale(LC_ALL, "C.UTF-8");
-  // The unknown code set is reported on every such input: keep the log quiet.
-  SLogger::SetAssertEnabled(false);
+  // Ill-formed input and the unknown code set are traced and reported on
+  // every such input: keep the log quiet.
+  SLogger::Initialize(CParamLineArgs("fuzz_codeset -trace off -noassert"), false);
   return 0;
 }
 
