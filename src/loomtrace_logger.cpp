@@ -425,6 +425,16 @@ std::string settingsPath(TraceConfig const& c) {
 // ignored. Returns false when the file cannot be read.
 bool readSettingsFile(std::string const& path, std::vector<std::pair<std::string, std::string>>& out,
                       Reporter& r) {
+  // Only a regular file of sane size: a device or FIFO named by mistake
+  // must not block the updater.
+  constexpr off_t kMaxSettingsFile = 1 << 20;
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return false;
+  if (!S_ISREG(st.st_mode) || st.st_size > kMaxSettingsFile) {
+    r.note("not a settings file (a regular file of at most 1 MiB is expected)");
+    return false;
+  }
+  if (st.st_size == 0) return true;
   std::ifstream in(path);
   if (!in) return false;
   std::string line;
