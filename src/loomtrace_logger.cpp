@@ -624,6 +624,12 @@ bool loadPlugin(std::string const& path, std::string const& cmdLine, Plugin& p, 
             resolve(p.handle, "GetParamList", p.getParamList, path, r) &&
             resolve(p.handle, "FreeString", p.freeString, path, r) &&
             resolve(p.handle, "GetDLLVersion", p.version, path, r);
+  if (ok && (p.version() >> 16) != 1) {
+    uint32_t const v = p.version();
+    r.messages.push_back("SLogger: logging plug-in " + path + " has interface version " + std::to_string(v >> 16) +
+                         "." + std::to_string(v & 0xFFFF) + ", 1.x expected");
+    ok = false;
+  }
   if (ok && p.initialize(cmdLine.c_str()) != 0) {
     r.messages.push_back("SLogger: logging plug-in " + path + " failed to initialize");
     ok = false;
@@ -1018,7 +1024,9 @@ bool TraceBridge::Initialize(CParamLineArgs const& args, bool readEnvironment) {
   std::string file;
   auto logger = makeLogger(base, r, file);
   std::string const settings = base.traceIni ? settingsPath(base) : std::string();
-  TraceConfig const active = withSettings(base, settings, r);
+  Reporter fileReport("TraceStateUpdater: " + settings + ": ");
+  TraceConfig const active = withSettings(base, settings, fileReport);
+  r.messages.insert(r.messages.end(), fileReport.messages.begin(), fileReport.messages.end());
   std::string const cmdLine = args.CmdLine();
   std::vector<Plugin> plugins = loadPlugins(base.pluginDir, cmdLine, r);
   {
@@ -1223,7 +1231,9 @@ std::string TraceBridge::Describe(CParamLineArgs const& args, bool readEnvironme
   Reporter r{kInitContext};
   TraceConfig const base = parseOptions(withEnvironment(args, readEnvironment), r);
   std::string const settings = base.traceIni ? settingsPath(base) : std::string();
-  TraceConfig const active = withSettings(base, settings, r);
+  Reporter fileReport("TraceStateUpdater: " + settings + ": ");
+  TraceConfig const active = withSettings(base, settings, fileReport);
+  r.messages.insert(r.messages.end(), fileReport.messages.begin(), fileReport.messages.end());
   std::string out = describeConfig(active, resolveLogFile(base.logFile), settings);
   for (std::string const& m : r.messages) out += "rejected: " + m + "\n";
   return out;

@@ -291,7 +291,7 @@ TEST_F(Trace, SettingsFileIsReadAtStartWithoutTheThread) {
   ASSERT_FALSE(init("-trace s -notracethread -logFile " + dir.file("x.log")));
   EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_XL, "hot.cpp", 3));
   EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_XL, "cold.cpp", 3));
-  EXPECT_TRUE(rec.sawText("TraceBridge::Initialize: unknown setting 'bogus'"));
+  EXPECT_TRUE(rec.sawText("TraceStateUpdater: " + dir.file("trace.ini") + ": unknown setting 'bogus'"));
   ASSERT_TRUE(init("-trace s -notraceini -logFile " + dir.file("x.log")));
   EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_XL, "hot.cpp", 3));
 }
