@@ -59,6 +59,10 @@ inline constexpr unsigned kStringConvUnits = 66;
 
 namespace stringconv_internal {
 
+// The per-digit steps must be inlined into each parse loop; compilers
+// otherwise keep them out of line in the library's own copies.
+#define QL_STRINGCONV_INLINE inline __attribute__((always_inline))
+
 // The integer types the conversions take (not bool, not character types).
 template <class T>
 concept Integer = std::is_integral_v<T> && !std::is_same_v<T, bool> &&
@@ -139,9 +143,24 @@ inline void WriteDecimalBackwards(Ch* end, U v) noexcept {
   }
 }
 
+inline constexpr char kDigitChars[37] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+
 // Digits of v in a power-of-two radix (1 << shift); returns the count.
-template <class Ch, class U>
-inline int32_t WritePow2(Ch* out, U v, unsigned shift) noexcept {
+// kShift is the shift when known at compile time, else 0.
+template <unsigned kShift, class Ch, class U>
+inline int32_t WritePow2(Ch* out, U v, unsigned runtimeShift) noexcept {
+  unsigned shift = kShift ? kShift : runtimeShift;
+  if (kShift && kShift <= 5) {
+    // Digit values stay below 32: a plain table lookup.
+    unsigned bits = static_cast<unsigned>(std::bit_width(v | 1u));
+    unsigned n = (bits + shift - 1) / shift;
+    for (unsigned i = n; i-- > 0;) {
+      out[i] = static_cast<Ch>(kDigitChars[static_cast<unsigned>(v) & ((1u << shift) - 1)]);
+      v >>= shift;
+    }
+    out[n] = 0;
+    return static_cast<int32_t>(n);
+  }
   unsigned bits = static_cast<unsigned>(std::bit_width(v));
   unsigned n = bits == 0 ? 1 : (bits + shift - 1) / shift;
   U mask = static_cast<U>((1u << shift) - 1);
@@ -178,8 +197,9 @@ inline int32_t WriteUnsigned(Ch* out, U v, int radix) noexcept {
     out[n] = 0;
     return static_cast<int32_t>(n);
   }
+  if (radix == 16) return WritePow2<4>(out, v, 4);
   unsigned r = static_cast<unsigned>(radix);
-  if ((r & (r - 1)) == 0) return WritePow2(out, v, static_cast<unsigned>(std::countr_zero(r)));
+  if ((r & (r - 1)) == 0) return WritePow2<0>(out, v, static_cast<unsigned>(std::countr_zero(r)));
   return WriteAnyRadix(out, v, r);
 }
 
@@ -214,11 +234,13 @@ struct Accumulator {
       : limit(static_cast<U>(lim)), limitDivRadix(static_cast<U>(ldr)), radix(static_cast<U>(r)) {}
 
   // Adds one digit; false when the value leaves its range.
-  constexpr bool Push(unsigned digit) noexcept {
+  QL_STRINGCONV_INLINE constexpr bool Push(unsigned digit) noexcept {
     U d = static_cast<U>(digit);
     if (value > limitDivRadix) {
       if (!negative || static_cast<U>(value - 1) > limitDivRadix) return false;
-      return PushAtMinimum(d);
+      Step r = AtMinimum(value, radix, d, limit);
+      value = r.value;
+      return r.ok;
     }
     // value <= limitDivRadix, so scaled <= limit and cannot overflow.
     U scaled = static_cast<U>(value * radix);
@@ -234,14 +256,19 @@ struct Accumulator {
 
   // The value is limitDivRadix + 1 in a negative text. Only a result of
   // exactly limit + 1 (the minimum) is accepted: the older code multiplied
-  // here without a test and let larger magnitudes wrap.
-  constexpr bool PushAtMinimum(U d) noexcept {
+  // here without a test and let larger magnitudes wrap. Kept out of line
+  // and free of `this` so that the accumulator stays in registers.
+  struct Step {
+    bool ok;
+    U value;
+  };
+  [[gnu::noinline, gnu::cold]] static constexpr Step AtMinimum(U value, U radix, U d,
+                                                                U limit) noexcept {
     U scaled, sum;
-    if (__builtin_mul_overflow(value, radix, &scaled)) return false;
-    if (__builtin_add_overflow(scaled, d, &sum)) return false;
-    if (limit != std::numeric_limits<U>::max() && sum > static_cast<U>(limit + 1)) return false;
-    value = sum;
-    return true;
+    if (__builtin_mul_overflow(value, radix, &scaled)) return {false, 0};
+    if (__builtin_add_overflow(scaled, d, &sum)) return {false, 0};
+    if (limit != std::numeric_limits<U>::max() && sum > static_cast<U>(limit + 1)) return {false, 0};
+    return {true, sum};
   }
 
   constexpr T Result() const noexcept {
@@ -252,62 +279,56 @@ struct Accumulator {
 // Classification of one unit.
 enum class UnitKind { kDigit, kStop, kSkip, kBad };
 
-// The reading of unit u: "." (and, in the string form, " ") stops,
-// "x"/"X" is skipped in radix 16 by the string form, '0'..'9' and the
-// letters of either case are digits below the radix. Nothing else is a
-// digit: the punctuation between '9' and 'A' or 'Z' and 'a' never is.
+// The value of each 7-bit unit as a digit: '0'..'9' are 0..9, the letters
+// of either case 10..35, everything else 0xFF (never a digit).
+inline constexpr auto kDigitValues = [] {
+  struct Table {
+    unsigned char v[128];
+  } t{};
+  for (int c = 0; c < 128; ++c) {
+    t.v[c] = 0xFF;
+    if (c >= '0' && c <= '9') t.v[c] = static_cast<unsigned char>(c - '0');
+    if (c >= 'a' && c <= 'z') t.v[c] = static_cast<unsigned char>(c - 'a' + 10);
+    if (c >= 'A' && c <= 'Z') t.v[c] = static_cast<unsigned char>(c - 'A' + 10);
+  }
+  return t;
+}();
+
+// The reading of unit u: a digit below the radix; else "." (and, in the
+// string form, " ") stops, and "x"/"X" is skipped in radix 16 by the
+// string form. Only '0'..'9' and the letters are digits: the punctuation
+// between '9' and 'A' or 'Z' and 'a' never is, so that every radix up to
+// 36 reads back what StringConvFromInteger writes. Letters are never
+// digits below radix 11, since their values start at 10.
 template <bool kStringForm, class Unit>
-constexpr UnitKind Classify(Unit u, int radix, unsigned& digit) noexcept {
-  int c = static_cast<int>(u);
+QL_STRINGCONV_INLINE constexpr UnitKind Classify(Unit u, unsigned radix, unsigned& digit) noexcept {
+  auto c = static_cast<std::make_unsigned_t<Unit>>(u);
+  unsigned v = c < 128 ? kDigitValues.v[c] : 0xFFu;
+  if (v < radix) {
+    digit = v;
+    return UnitKind::kDigit;
+  }
   if (c == '.') return UnitKind::kStop;
   if (kStringForm && c == ' ') return UnitKind::kStop;
-  int d;
-  if (c >= '0' && c <= '9') {
-    d = c - '0';
-  } else {
-    if (radix <= 10) return UnitKind::kBad;
-    if (kStringForm && radix == 16 && (c == 'x' || c == 'X')) return UnitKind::kSkip;
-    if (c >= 'a' && c <= 'z')
-      d = c - 'a' + 10;
-    else if (c >= 'A' && c <= 'Z')
-      d = c - 'A' + 10;
-    else
-      return UnitKind::kBad;
-  }
-  if (d >= radix) return UnitKind::kBad;
-  digit = static_cast<unsigned>(d);
-  return UnitKind::kDigit;
+  if (kStringForm && radix == 16 && (c == 'x' || c == 'X')) return UnitKind::kSkip;
+  return UnitKind::kBad;
 }
 
-// The decimal loop of the string form, with the radix a constant. Returns
-// false on a bad unit or overflow; stops at "." or " ".
-template <class Unit, class T, bool kMultibyte>
-inline bool ScanDecimal(Unit const* p, uint32_t i, uint32_t n, Accumulator<T>& acc) noexcept {
+// The string form's loop over units [i, n). kRadix is the radix when it
+// is known at compile time (10 and 16, the common ones), else 0.
+//
+// The bound n is the byte length, while the library bounds the scan by
+// the character count, which for multibyte text stops at the first zero
+// byte. Any byte at or above 0x80 is not a digit, so the scan has failed
+// before the count and the byte length can differ in any other way: a
+// zero byte is the only place where the bound needs correcting.
+template <int kRadix, bool kMultibyte, class Unit, class T>
+QL_STRINGCONV_INLINE bool ScanUnits(Unit const* p, uint32_t i, uint32_t n, Accumulator<T>& acc,
+                      int runtimeRadix) noexcept {
+  // A radix below 1 has no digits at all (only an empty number parses).
+  unsigned radix = kRadix ? static_cast<unsigned>(kRadix)
+                          : static_cast<unsigned>(runtimeRadix < 0 ? 0 : runtimeRadix);
   for (; i < n; ++i) {
-    unsigned d = static_cast<unsigned>(static_cast<int>(p[i]) - '0');
-    if (d < 10) {
-      if (!acc.Push(d)) return false;
-      continue;
-    }
-    // A zero unit in multibyte text is where the character count ends
-    // (the count stops at the first zero byte); see ScanUnits.
-    if (kMultibyte && p[i] == 0) return true;
-    return p[i] == '.' || p[i] == ' ';
-  }
-  return true;
-}
-
-template <class Unit, class T, bool kMultibyte>
-inline bool ScanUnits(Unit const* p, uint32_t i, uint32_t n, int radix,
-                      Accumulator<T>& acc) noexcept {
-  if (radix == 10) return ScanDecimal<Unit, T, kMultibyte>(p, i, n, acc);
-  for (; i < n; ++i) {
-    // The scan is bounded by the character count, which for multibyte
-    // text stops at the first zero byte. Any byte at or above 0x80 is not a
-    // digit, so the scan has failed before the count and the byte length
-    // can differ in any other way: a zero byte is the only place where the
-    // byte bound needs correcting.
-    if (kMultibyte && p[i] == 0) return true;
     unsigned d = 0;
     switch (Classify<true>(p[i], radix, d)) {
       case UnitKind::kDigit:
@@ -315,11 +336,29 @@ inline bool ScanUnits(Unit const* p, uint32_t i, uint32_t n, int radix,
         break;
       case UnitKind::kSkip: break;
       case UnitKind::kStop: return true;
-      case UnitKind::kBad: return false;
+      case UnitKind::kBad: return kMultibyte && p[i] == 0;
     }
   }
   return true;
 }
+
+// Parses [i, n) with the radix fixed at compile time where possible.
+template <int kRadix, bool kMultibyte, class Unit, class T>
+QL_STRINGCONV_INLINE bool ParseUnits(Unit const* p, uint32_t n, T& out, T limit, T limitDivRadix, int radix,
+                       bool allowMinus) noexcept {
+  Accumulator<T> acc(limit, limitDivRadix, kRadix ? kRadix : radix);
+  uint32_t i = 0;
+  if (p[0] == '-') {
+    if (!allowMinus) return false;
+    acc.negative = true;
+    i = 1;
+  }
+  if (!ScanUnits<kRadix, kMultibyte>(p, i, n, acc, radix)) return false;
+  out = acc.Result();
+  return true;
+}
+
+#undef QL_STRINGCONV_INLINE
 
 }  // namespace stringconv_internal
 
@@ -366,19 +405,13 @@ template <class Str, class Ch, class T>
 inline bool StringConvToInteger(Str const& s, T& out, Ch, T limit, T limitDivRadix, int radix,
                                 bool allowMinus) noexcept {
   using namespace stringconv_internal;
-  using Unit = typename Str::unit_type;
+  constexpr bool kMb = Str::kMultibyte;
   out = 0;
-  Unit const* p = s.getString();
-  Accumulator<T> acc(limit, limitDivRadix, radix);
-  uint32_t i = 0;
-  if (p[0] == '-') {
-    if (!allowMinus) return false;
-    acc.negative = true;
-    i = 1;
-  }
-  if (!ScanUnits<Unit, T, Str::kMultibyte>(p, i, s.getLength(), radix, acc)) return false;
-  out = acc.Result();
-  return true;
+  auto const* p = s.getString();
+  uint32_t n = s.getLength();
+  if (radix == 10) return ParseUnits<10, kMb>(p, n, out, limit, limitDivRadix, radix, allowMinus);
+  if (radix == 16) return ParseUnits<16, kMb>(p, n, out, limit, limitDivRadix, radix, allowMinus);
+  return ParseUnits<0, kMb>(p, n, out, limit, limitDivRadix, radix, allowMinus);
 }
 
 // ---------------------------------------------------------------------------
@@ -400,7 +433,7 @@ inline bool StringConvToIntegerIterator(It begin, It const& end, T& out, T limit
   }
   for (; begin < end; ++begin) {
     unsigned d = 0;
-    UnitKind kind = Classify<false>((*begin).getChar(), radix, d);
+    UnitKind kind = Classify<false>((*begin).getChar(), static_cast<unsigned>(radix < 0 ? 0 : radix), d);
     if (kind == UnitKind::kStop) break;
     if (kind != UnitKind::kDigit || !acc.Push(d)) return false;
   }
