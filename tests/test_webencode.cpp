@@ -1,0 +1,204 @@
+// HTML and script encoders: fixed cases, and a generated corpus checked by
+// decoders of the two script-literal forms (nothing unsafe gets through,
+// and the literal means the original text).
+#include <gtest/gtest.h>
+#include <quenlib/webencode.h>
+
+#include <cctype>
+#include <clocale>
+#include <cstring>
+#include <optional>
+#include <random>
+#include <string>
+
+using namespace QuenLibA500;
+
+namespace {
+
+std::string S(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
+
+class WebEncode : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char const* old = std::setlocale(LC_ALL, nullptr);
+    saved_ = old ? old : "C";
+    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
+  }
+  void TearDown() override { std::setlocale(LC_ALL, saved_.c_str()); }
+  std::string saved_;
+};
+
+bool Forbidden(unsigned char c) {
+  return c < 0x20 || c == 0x7F || c == '"' || c == '\\' || c == '<' || c == '>';
+}
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// Reads a JavaScript string body: the text it means, or nothing when a raw
+// character is unsafe or an escape is unknown.
+std::optional<std::string> ReadJs(std::string const& s) {
+  std::string out;
+  for (size_t i = 0; i < s.size(); ++i) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    if (s.compare(i, 3, "\xE2\x80\xA8") == 0 || s.compare(i, 3, "\xE2\x80\xA9") == 0) return std::nullopt;
+    if (c == '\'' || (Forbidden(c) && c != '\\')) return std::nullopt;
+    if (c != '\\') {
+      out.push_back(static_cast<char>(c));
+      continue;
+    }
+    if (++i >= s.size()) return std::nullopt;
+    char e = s[i];
+    if (e == '\\') out += '\\';
+    else if (e == 'n') out += '\n';
+    else if (e == 'r') out += '\r';
+    else if (e == 't') out += '\t';
+    else if (e == 'x' && i + 2 < s.size() && HexDigit(s[i + 1]) >= 0 && HexDigit(s[i + 2]) >= 0) {
+      out.push_back(static_cast<char>(HexDigit(s[i + 1]) * 16 + HexDigit(s[i + 2])));
+      i += 2;
+    } else if (s.compare(i, 5, "u2028") == 0) {
+      out += "\xE2\x80\xA8";
+      i += 4;
+    } else if (s.compare(i, 5, "u2029") == 0) {
+      out += "\xE2\x80\xA9";
+      i += 4;
+    } else {
+      return std::nullopt;
+    }
+  }
+  return out;
+}
+
+// Reads a VBScript string body: "" is a quote, '" & Chr(N) & "' a
+// character; any other quote, or an unsafe raw character, is refused.
+std::optional<std::string> ReadVb(std::string const& s) {
+  std::string out;
+  static char const kOpen[] = "\" & Chr(";
+  static char const kClose[] = ") & \"";
+  for (size_t i = 0; i < s.size(); ++i) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    if (c == '"') {
+      if (s.compare(i, 2, "\"\"") == 0) {
+        out += '"';
+        ++i;
+        continue;
+      }
+      if (s.compare(i, std::strlen(kOpen), kOpen) != 0) return std::nullopt;
+      size_t j = i + std::strlen(kOpen);
+      int n = 0;
+      size_t digits = 0;
+      while (j < s.size() && std::isdigit(static_cast<unsigned char>(s[j]))) {
+        n = n * 10 + (s[j] - '0');
+        ++j;
+        ++digits;
+      }
+      if (digits == 0 || n > 255 || s.compare(j, std::strlen(kClose), kClose) != 0) return std::nullopt;
+      out.push_back(static_cast<char>(n));
+      i = j + std::strlen(kClose) - 1;
+      continue;
+    }
+    if (Forbidden(c)) return std::nullopt;
+    out.push_back(static_cast<char>(c));
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST_F(WebEncode, MimeConstants) {
+  EXPECT_STREQ(SWebEncode::MIME_TYPE_HTML, "text/html");
+  EXPECT_STREQ(SWebEncode::MIME_TYPE_EPF, "application/x-epf");
+  EXPECT_STREQ(SWebEncode::MIME_TYPE_ETF, "application/x-etf");
+  EXPECT_STREQ(SWebEncode::MIME_TYPE_EMF, "application/x-emf");
+  EXPECT_STREQ(SWebEncode::MIME_TYPE_OCTET, "application/octet");
+}
+
+TEST_F(WebEncode, HtmlForms) {
+  EXPECT_EQ(S(SWebEncode::HTMLEncode("a<b&c")), "a&lt;b&amp;c");
+  EXPECT_EQ(S(SWebEncode::HTMLEncode("\"x\" 'y' >")), "&quot;x&quot; 'y' &gt;");
+  EXPECT_EQ(S(SWebEncode::HTMLEncode("caf\xC3\xA9")), "caf\xC3\xA9");
+  EXPECT_EQ(S(SWebEncode::HTMLNonBreakableSpace("a b")), "a&nbsp;b");
+  struct Case {
+    char const* in;
+    char const* out;
+  } const stippled[] = {
+      {"a    b", "a &nbsp; &nbsp;b"},
+      {"  x", "&nbsp; x"},
+      {" ", "&nbsp;"},
+      {"a b", "a b"},
+      {"a  b", "a &nbsp;b"},
+      {"a   b", "a &nbsp; b"},
+  };
+  for (auto const& c : stippled) EXPECT_EQ(S(SWebEncode::HTMLNonBreakableSpaceStippled(c.in)), c.out) << c.in;
+  for (auto fn : {&SWebEncode::HTMLEncode, &SWebEncode::HTMLNonBreakableSpace,
+                  &SWebEncode::HTMLNonBreakableSpaceStippled, &SWebEncode::URLEncodeSimple,
+                  &SWebEncode::JavaScriptEncode, &SWebEncode::VBScriptStringEncode})
+    EXPECT_EQ(S(fn(SAnsiString())), "");
+}
+
+TEST_F(WebEncode, UrlForms) {
+  using MB = MBCSCodesetConverter;
+  EXPECT_EQ(S(SWebEncode::URLEncodeSimple("a b-c")), "a+b%2Dc");
+  EXPECT_EQ(S(SWebEncode::URLEncode("a b/\xC3\xA9", MB::ECS_UTF8, true)), "a%20b/%C3%A9");
+  EXPECT_EQ(S(SWebEncode::URLEncode("\xC3\xA9", MB::ECS_Windows1252, false)), "%E9");
+  std::mt19937 rng(3);
+  for (int round = 0; round < 300; ++round) {
+    std::string in;
+    for (int k = static_cast<int>(rng() % 20); k > 0; --k) {
+      int pick = static_cast<int>(rng() % 4);
+      if (pick == 0) in += "\xC3\xA9";
+      else in.push_back(static_cast<char>(0x20 + rng() % 0x5F));
+    }
+    for (bool flag : {true, false}) {
+      SAnsiString enc = SWebEncode::URLEncode(in.c_str(), MB::ECS_UTF8, flag);
+      EXPECT_EQ(S(SWebEncode::URLDecodeEx(enc, MB::ECS_UTF8, flag)), in);
+      SAnsiString enc1252 = SWebEncode::URLEncode(in.c_str(), MB::ECS_Windows1252, flag);
+      EXPECT_EQ(S(SWebEncode::URLDecodeEx(enc1252, MB::ECS_Windows1252, flag)), in);
+    }
+    EXPECT_EQ(S(SWebEncode::URLDecodeEx(SWebEncode::URLEncodeSimple(in.c_str()))), in);
+  }
+  EXPECT_EQ(S(SWebEncode::URLDecodeEx("100%+%zz%4")), "100% %zz%4");
+  EXPECT_EQ(S(SWebEncode::URLDecodeEx("a+b%20c", MB::ECS_Native, true)), "a+b c");
+}
+
+TEST_F(WebEncode, ScriptExamples) {
+  EXPECT_EQ(S(SWebEncode::JavaScriptEncode("say \"hi\"\n")), "say \\x22hi\\x22\\n");
+  EXPECT_EQ(S(SWebEncode::JavaScriptEncode("</script>")), "\\x3C/script\\x3E");
+  EXPECT_EQ(S(SWebEncode::JavaScriptEncode("a\\b\x01\xE2\x80\xA8")), "a\\\\b\\x01\\u2028");
+  EXPECT_EQ(S(SWebEncode::VBScriptStringEncode("say \"hi\"")), "say \"\"hi\"\"");
+  EXPECT_EQ(S(SWebEncode::VBScriptStringEncode("a\nb")), "a\" & Chr(10) & \"b");
+}
+
+TEST_F(WebEncode, ScriptLiteralsAreSafeOnGeneratedCorpus) {
+  std::mt19937 rng(2024);
+  static char const* const pieces[] = {"\"", "'", "\\", "\n", "\r", "\t", "<", ">", "&", "/",
+                                       "</script", "</SCRIPT>", "<!--", "\xE2\x80\xA8",
+                                       "\xE2\x80\xA9", "\xC3\xA9", "\x7F", "\x1B", "x", " ",
+                                       "\" & Chr(", "\"\""};
+  for (int round = 0; round < 5000; ++round) {
+    std::string in;
+    for (int k = static_cast<int>(rng() % 24); k > 0; --k) {
+      if (rng() % 3 == 0)
+        in.push_back(static_cast<char>(1 + rng() % 0x7F));
+      else
+        in += pieces[rng() % (sizeof pieces / sizeof pieces[0])];
+    }
+    std::string js = S(SWebEncode::JavaScriptEncode(in.c_str()));
+    std::string vb = S(SWebEncode::VBScriptStringEncode(in.c_str()));
+    auto jsBack = ReadJs(js);
+    auto vbBack = ReadVb(vb);
+    ASSERT_TRUE(jsBack.has_value()) << js;
+    ASSERT_TRUE(vbBack.has_value()) << vb;
+    EXPECT_EQ(*jsBack, in);
+    EXPECT_EQ(*vbBack, in);
+    std::string lowerJs = js, lowerVb = vb;
+    for (char& c : lowerJs) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (char& c : lowerVb) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    EXPECT_EQ(lowerJs.find("</script"), std::string::npos);
+    EXPECT_EQ(lowerVb.find("</script"), std::string::npos);
+  }
+}
