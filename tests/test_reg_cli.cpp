@@ -81,7 +81,7 @@ TEST_F(QuenReg, TypesSubKeysAndLongOptions) {
             "\n"
             "HKEY_CURRENT_USER\\Software\\Ex\\Sub\n");
   Outcome one = quenReg("query HKCU\\\\Software\\\\Ex\\\\Sub /v list");
-  EXPECT_EQ(one.out, "HKEY_CURRENT_USER\\Software\\Ex\\Sub\n    list    REG_MULTI_SZ    a\\0b\n");
+  EXPECT_EQ(one.out, "HKEY_CURRENT_USER\\Software\\Ex\\Sub\n    List    REG_MULTI_SZ    a\\0b\n");
   Outcome rec = quenReg("query HKCU\\\\Software\\\\Ex /s");
   EXPECT_NE(rec.out.find("\nHKEY_CURRENT_USER\\Software\\Ex\\Sub\n    List    REG_MULTI_SZ    a\\0b\n"),
             std::string::npos)

@@ -291,6 +291,17 @@ std::vector<std::string> subKeys(HKEY k) {
   return names;
 }
 
+// The value's name as it was created (names ignore case when looked up).
+std::string storedName(HKEY k, std::string const& asked) {
+  std::vector<char> name(16385);
+  for (DWORD i = 0;; ++i) {
+    DWORD chars = static_cast<DWORD>(name.size());
+    LONG rc = RegEnumValueA(k, i, name.data(), &chars, nullptr, nullptr, nullptr, nullptr);
+    if (rc != ERROR_SUCCESS) return asked;
+    if (chars == asked.size() && strncasecmp(name.data(), asked.c_str(), chars) == 0) return std::string(name.data(), chars);
+  }
+}
+
 void queryOne(KeyName const& key, std::string const& name) {
   Key k(key, KEY_READ, false);
   DWORD type = 0, size = 0;
@@ -301,7 +312,7 @@ void queryOne(KeyName const& key, std::string const& name) {
   if (rc != ERROR_SUCCESS) fail(key.full() + " " + valueLabel(name) + ": " + errorText(rc));
   data.resize(size);
   std::cout << key.full() << "\n";
-  printValue({name, type, data, false});
+  printValue({storedName(k.get(), name), type, data, false});
 }
 
 void queryKey(KeyName const& key, bool recurse) {
