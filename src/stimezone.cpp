@@ -268,15 +268,16 @@ namespace {
 
 // The process-wide zones: built once under a lock, published through an
 // atomic pointer, never destroyed (threads may still read them at exit).
-std::mutex g_zoneLock;
+// Each has its own lock because building the local zone may need TZ_UTC().
+std::mutex g_localLock, g_utcLock;
 std::atomic<STimeZone const*> g_localZone{nullptr};
 std::atomic<STimeZone const*> g_utcZone{nullptr};
 
 template <class Make>
-STimeZone const& OnceZone(std::atomic<STimeZone const*>& slot, Make make) {
+STimeZone const& OnceZone(std::atomic<STimeZone const*>& slot, std::mutex& mutex, Make make) {
   STimeZone const* zone = slot.load(std::memory_order_acquire);
   if (zone) return *zone;
-  std::lock_guard<std::mutex> lock(g_zoneLock);
+  std::lock_guard<std::mutex> lock(mutex);
   zone = slot.load(std::memory_order_relaxed);
   if (!zone) {
     zone = make();
@@ -288,11 +289,11 @@ STimeZone const& OnceZone(std::atomic<STimeZone const*>& slot, Make make) {
 }  // namespace
 
 STimeZone const& STimeZone::TZ_UTC() {
-  return OnceZone(g_utcZone, [] { return new STimeZone(SAnsiString("UTC,0")); });
+  return OnceZone(g_utcZone, g_utcLock, [] { return new STimeZone(SAnsiString("UTC,0")); });
 }
 
 STimeZone const& STimeZone::TZ_Local() {
-  return OnceZone(g_localZone, [] {
+  return OnceZone(g_localZone, g_localLock, [] {
     auto* zone = new STimeZone(short(0), false);
     if (!dt::ReadSystemZone(*zone, dt::NowUnixMs())) {
       *zone = STimeZone(SAnsiString("UTC,0"));

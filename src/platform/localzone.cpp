@@ -119,7 +119,9 @@ bool dt::ReadSystemZone(STimeZone& out, int64_t nearUnixMs) {
   }
   int32_t rawMs = stdRule->getRawOffset();
   int32_t savings = dstRule->getDSTSavings();
-  int year = SDateTime::FromUnixMilliseconds(nearUnixMs).GetYear();
+  int year, month, day;
+  SDate::JulianToYMD(static_cast<int32_t>(dt::FloorDiv(nearUnixMs, dt::kMsPerDay) + SDate::kUnixEpochDay), year,
+                     month, day);
   icu::DateTimeRule const* startRule = dstRule->getRule();
   icu::DateTimeRule const* endRule = stdRule->getRule();
   start = ToTransition(*startRule, LocalMinutes(*startRule, rawMs, savings, false), year);
