@@ -324,3 +324,13 @@ TEST_F(Trace, AssertionGoesToTheLogFile) {
   EXPECT_NE(readFile(file).find("Assert  sstring(12): Assertion failed: p != 0 - null\n"), std::string::npos)
       << readFile(file);
 }
+
+TEST_F(Trace, StackDumpFollowsTheAssertion) {
+  std::string const file = dir.file("s.log");
+  init("-stackdump -logFile " + file);
+  SAssert("src/deep.cpp", 3, "depth < 10");
+  SLogger::Terminate();
+  std::string const text = readFile(file);
+  size_t const at = text.find("Assert  deep(3): Assertion failed: depth < 10\n    at ");
+  EXPECT_NE(at, std::string::npos) << text;
+}

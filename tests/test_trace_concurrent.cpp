@@ -138,7 +138,7 @@ TEST_F(TraceConcurrent, TraceIniPathAndNoTraceThread) {
 }
 
 TEST_F(TraceConcurrent, ObserversAndStateChangeWhileTracing) {
-  ASSERT_TRUE(tracetest::init("-trace m"));
+  ASSERT_TRUE(tracetest::init("-trace m -notraceini -logFile " + dir.file("busy.log")));
   std::atomic<bool> stop{false};
   std::atomic<long> delivered{0};
   auto observer = [](void* ctx, int, char const*, int, char const*) {
