@@ -1,0 +1,152 @@
+// Pattern formatting and the localised names.
+#include <quenlib/sdatetime.h>
+#include <quenlib/sdatetimestring.h>
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <locale.h>
+#include <string>
+
+using namespace QuenLibA500;
+
+namespace {
+
+std::string Str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
+
+STimeZone const& Utc() { return STimeZone::TZ_UTC(); }
+
+// Runs the body with the process locale set to `name`, restoring C after.
+class ScopedLocale {
+ public:
+  explicit ScopedLocale(char const* name) { ok_ = std::setlocale(LC_ALL, name) != nullptr; }
+  ~ScopedLocale() { std::setlocale(LC_ALL, "C"); }
+  bool ok() const { return ok_; }
+
+ private:
+  bool ok_;
+};
+
+}  // namespace
+
+TEST(DateFormatPattern, EveryLetterAndRunLength) {
+  ScopedLocale locale("en_US.UTF-8");
+  ASSERT_TRUE(locale.ok());
+  SDateTime t(2006, 3, 4, 5, 6, 7, 8, Utc());
+  SDateTime pm(2006, 11, 14, 17, 45, 9, 120, Utc());
+  struct Case {
+    SDateTime const& when;
+    char const* pattern;
+    char const* expected;
+  } cases[] = {
+      {t, "yyyy-MM-dd HH:mm:ss.SSS", "2006-03-04 05:06:07.008"},
+      {t, "d dd ddd dddd ddddd", "4 04 Sat Saturday Saturday"},
+      {t, "M MM MMM MMMM MMMMM", "3 03 Mar March March"},
+      {t, "y yy yyy yyyy yyyyy", "6 06 2006 2006 2006"},
+      {t, "g gg ggg", "AD AD AD"},
+      {t, "h hh hhh H HH HHH", "5 05 05 5 05 05"},
+      {t, "m mm mmm s ss sss", "6 06 06 7 07 07"},
+      {t, "S SS SSS SSSS", "8 008 008 008"},
+      {t, "t tt ttt", "A AM AM"},
+      {pm, "h:mm tt", "5:45 PM"},
+      {pm, "H:m:s.S t", "17:45:9.120 P"},
+      {pm, "dddd, d MMMM yyyy", "Tuesday, 14 November 2006"},
+      {t, "'d' d", "d 4"},
+      {t, "\"yyyy\"-yyyy", "yyyy-2006"},
+      {t, "'It''s' H", "Its 5"},
+      {t, "HH 'o''clock", "05 oclock"},
+      {t, "HH 'unclosed d M y", "05 unclosed d M y"},
+      {t, "[ % ] HH", "[ % ] 05"},
+      {t, "", ""},
+  };
+  for (auto const& c : cases) EXPECT_EQ(Str(c.when.Format(c.pattern, Utc())), c.expected) << c.pattern;
+}
+
+TEST(DateFormatPattern, TwelveHourClockAndMarkers) {
+  ScopedLocale locale("en_US.UTF-8");
+  struct Case {
+    int hour;
+    char const* expected;
+  } cases[] = {{0, "12:30 A"}, {1, "1:30 A"}, {11, "11:30 A"}, {12, "12:30 P"}, {13, "1:30 P"}, {23, "11:30 P"}};
+  for (auto const& c : cases) {
+    SDateTime t(2020, 1, 1, c.hour, 30, 0, 0, Utc());
+    EXPECT_EQ(Str(t.Format("h:mm t", Utc())), c.expected) << c.hour;
+  }
+}
+
+TEST(DateFormatPattern, FieldsAreTakenInTheZone) {
+  SDateTime t(2024, 1, 1, 2, 15, 0, 0, Utc());
+  EXPECT_EQ(Str(t.Format("yyyy-MM-dd HH:mm", STimeZone("EST,300 EDT"))), "2023-12-31 21:15");
+  EXPECT_EQ(Str(t.Format("yyyy-MM-dd HH:mm", STimeZone("X,-330"))), "2024-01-01 07:45");
+  SDateTime summer(2024, 7, 1, 12, 0, 0, 0, Utc());
+  EXPECT_EQ(Str(summer.Format("HH:mm", STimeZone("CET,-60 CEST;3,5,0/2,0,10,5,0/3,0"))), "14:00");
+  EXPECT_EQ(Str(SDateTime(-44, 3, 15, 12, 0, 0, 0, Utc()).Format("yyyy yy", Utc())), "-44 -44");
+}
+
+TEST(DateFormatPattern, InvalidPartsGiveEmptyFields) {
+  EXPECT_EQ(Str(SDate().Format("dd/MM/yyyy")), "//");
+  EXPECT_EQ(Str(SDateTime().Format("dd/MM/yyyy HH:mm:ss.SSS t g", Utc())), "// ::.  ");
+  EXPECT_EQ(Str(SDate(2006, 3, 4).Format("dd/MM/yyyy HH:mm")), "04/03/2006 :");
+  EXPECT_EQ(Str(STime(5, 6, 7, 8).Format("yyyy-MM-dd HH:mm:ss.SSS", Utc())), "-- 05:06:07.008");
+  EXPECT_EQ(Str(STime(5, 6, 7, 8, STimeZone("X,-60")).Format("HH:mm", STimeZone("X,-60"))), "05:06");
+  EXPECT_EQ(Str(SDateTime().Format(nullptr, Utc())), "");
+}
+
+TEST(DateFormatPattern, LongResultsAreKept) {
+  std::string pattern, expected;
+  for (int i = 0; i < 100; ++i) {
+    pattern += "yyyy-MM-dd|";
+    expected += "2006-03-04|";
+  }
+  EXPECT_EQ(Str(SDate(2006, 3, 4).Format(pattern.c_str())), expected);
+}
+
+TEST(DateFormatNames, EnglishNamesAndRanges) {
+  ScopedLocale locale("en_US.UTF-8");
+  ASSERT_TRUE(locale.ok());
+  char const* longDays[] = {"Sunday", "Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday"};
+  for (int i = 0; i < 7; ++i) {
+    EXPECT_EQ(Str(SDateTimeString::GetLongDay(i)), longDays[i]);
+    EXPECT_EQ(Str(SDateTimeString::GetShortDay(i)), std::string(longDays[i], 3));
+  }
+  EXPECT_EQ(Str(SDateTimeString::GetLongMonth(1)), "January");
+  EXPECT_EQ(Str(SDateTimeString::GetShortMonth(12)), "Dec");
+  EXPECT_EQ(Str(SDateTimeString::GetLongAM(true)), "AM");
+  EXPECT_EQ(Str(SDateTimeString::GetLongAM(false)), "PM");
+  EXPECT_EQ(Str(SDateTimeString::GetShortAM(false)), "P");
+  EXPECT_EQ(Str(SDateTimeString::GetEra(SDate(2000, 1, 1))), "AD");
+  EXPECT_EQ(Str(SDateTimeString::GetEra(SDate(-100, 1, 1))), "BC");
+  for (int bad : {-1, 7, 100}) {
+    EXPECT_EQ(Str(SDateTimeString::GetShortDay(bad)), "");
+    EXPECT_EQ(Str(SDateTimeString::GetLongDay(bad)), "");
+  }
+  for (int bad : {0, 13, -5}) {
+    EXPECT_EQ(Str(SDateTimeString::GetShortMonth(bad)), "");
+    EXPECT_EQ(Str(SDateTimeString::GetLongMonth(bad)), "");
+  }
+  EXPECT_EQ(Str(SDateTimeString::GetEra(SDate())), "");
+}
+
+TEST(DateFormatNames, JapaneseNamesInTheLocaleCodeSet) {
+  ScopedLocale locale("ja_JP.eucjp");
+  if (!locale.ok()) GTEST_SKIP() << "ja_JP.eucjp is not installed";
+  EXPECT_EQ(Str(SDateTimeString::GetLongDay(0)), "\xC6\xFC\xCD\xCB\xC6\xFC");  // 日曜日
+  EXPECT_EQ(Str(SDateTimeString::GetLongMonth(3)), "3\xB7\xEE");              // 3月
+  EXPECT_EQ(Str(SDateTime(2006, 3, 4, 9, 0, 0, 0, Utc()).Format("M'/'d dddd", Utc())),
+            "3/4 \xC5\xDA\xCD\xCB\xC6\xFC");  // 土曜日
+}
+
+TEST(DateFormatNames, FollowTheThreadLocale) {
+  locale_t en = newlocale(LC_ALL_MASK, "en_US.UTF-8", nullptr);
+  locale_t ja = newlocale(LC_ALL_MASK, "ja_JP.eucjp", nullptr);
+  if (!en || !ja) GTEST_SKIP() << "locales missing";
+  locale_t old = uselocale(ja);
+  std::string japanese = Str(SDateTimeString::GetLongDay(1));
+  uselocale(en);
+  std::string english = Str(SDateTimeString::GetLongDay(1));
+  uselocale(old);
+  freelocale(en);
+  freelocale(ja);
+  EXPECT_EQ(english, "Monday");
+  EXPECT_EQ(japanese, "\xB7\xEE\xCD\xCB\xC6\xFC");  // 月曜日
+}
