@@ -1258,5 +1258,19 @@ std::string TraceBridge::PluginParam(char const* plugin, char const* name) {
   return std::string();
 }
 
+std::vector<std::string> TraceBridge::PluginParamNames(char const* plugin) {
+  std::shared_lock<std::shared_mutex> g(bridge().lock);
+  std::vector<std::string> names;
+  for (Plugin const& p : bridge().plugins) {
+    if (p.name != plugin) continue;
+    char* list = p.getParamList();
+    if (list == nullptr) return names;
+    for (std::string const& n : split(list, "\n"))
+      if (!n.empty()) names.push_back(n);
+    p.freeString(list);
+  }
+  return names;
+}
+
 }  // namespace tracing
 }  // namespace QuenLibA500

@@ -196,6 +196,12 @@ SIArray<std::string> SLogger::PluginNames() {
   return out;
 }
 
+SIArray<std::string> SLogger::PluginParamNames(char const* plugin) {
+  SIArray<std::string> out;
+  for (std::string& n : TraceBridge::PluginParamNames(plugin ? plugin : "")) out.Add(std::move(n));
+  return out;
+}
+
 std::string SLogger::PluginParam(char const* plugin, char const* name) {
   return TraceBridge::PluginParam(plugin ? plugin : "", name ? name : "");
 }

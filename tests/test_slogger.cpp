@@ -97,6 +97,12 @@ TEST_F(Front, InstrumentationInitializeScopesTheLogger) {
   EXPECT_EQ(SLogger::GetCmdLine(), SAnsiString(""));
 }
 
+TEST_F(Front, InitializeWithoutArgumentsReadsTheProcessCommandLine) {
+  EXPECT_TRUE(SLogger::Initialize());
+  EXPECT_NE(SLogger::ContextVar("CmdLine").find("test_slogger"), std::string::npos);
+  EXPECT_EQ(SLogger::LogFile(), "");
+}
+
 TEST_F(Front, ContextVariablesBelongToTheThread) {
   EXPECT_FALSE(SLogger::HasLogContext());
   SLogger::SetContextVar("ActionID", SAnsiString("a-1"));

@@ -38,6 +38,8 @@ TEST_F(Plugins, ExamplePluginReceivesEveryLine) {
   EXPECT_EQ(SLogger::PluginParam("log_xn_example", "cmdline"),
             "prog -trace m -loggingPluginDir " QUENLIB_PLUGIN_DIR);
   EXPECT_EQ(SLogger::PluginParam("log_xn_example", "nosuch"), "");
+  EXPECT_EQ(SLogger::PluginParamNames("log_xn_example"), (SIArray<std::string>{"file", "lines", "cmdline"}));
+  EXPECT_TRUE(SLogger::PluginParamNames("log_xn_other").IsEmpty());
   EXPECT_EQ(SLogger::PluginParam("log_xn_other", "file"), "");
   SLogger::Terminate();
   EXPECT_TRUE(SLogger::PluginNames().IsEmpty());

@@ -119,6 +119,7 @@ class TraceBridge {
   static std::string Describe(CParamLineArgs const& args, bool readEnvironment);
   static std::vector<std::string> PluginNames();
   static std::string PluginParam(char const* plugin, char const* name);
+  static std::vector<std::string> PluginParamNames(char const* plugin);
 };
 
 }  // namespace tracing

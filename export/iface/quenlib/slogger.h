@@ -187,6 +187,8 @@ class QUENLIB_API SLogger {
   // Names of the logging plug-ins loaded, and a plug-in parameter.
   static SIArray<std::string> PluginNames();
   static std::string PluginParam(char const* plugin, char const* name);
+  // The parameter names a loaded plug-in offers.
+  static SIArray<std::string> PluginParamNames(char const* plugin);
 };
 
 // Initializes the logger on construction, terminates it on destruction.
