@@ -284,18 +284,32 @@ inline void fastUtf16ToUtf8(WChar const*& s, WChar const* end, unsigned char*& d
       continue;
     }
     if (isSurrogate(c)) return;
-    // A run of three-byte characters (most CJK text). While two units or
-    // more are left there is room for 6 bytes: one 4-byte store each, 3
-    // bytes kept. The last unit of the input is written byte by byte.
+    // A run of three-byte characters (most CJK text). With three units or
+    // more left there is room for 9 bytes: two characters in one 8-byte
+    // store, 6 bytes kept; with two left, one character in a 4-byte store.
+    // The last unit of the input is written byte by byte below.
     uint32_t u = c;
     bool runEnded = false;
     if constexpr (std::endian::native == std::endian::little) {
+      auto const enc3 = [](uint32_t x) -> uint64_t {
+        return (0xE0 | (x >> 12)) | ((0x80 | ((x >> 6) & 0x3F)) << 8) |
+               ((0x80 | (x & 0x3F)) << 16);
+      };
       while (end - s >= 2) {
-        uint32_t const w = (0xE0 | (u >> 12)) | ((0x80 | ((u >> 6) & 0x3F)) << 8) |
-                           ((0x80 | (u & 0x3F)) << 16);
-        std::memcpy(d, &w, 4);
-        d += 3;
-        u = *++s;
+        uint32_t const next = s[1];
+        bool const pair = end - s >= 3 && next >= 0x800 && !isSurrogate(next);
+        if (pair) {
+          uint64_t const w = enc3(u) | (enc3(next) << 24);
+          std::memcpy(d, &w, 8);
+          d += 6;
+          s += 2;
+        } else {
+          uint32_t const w = static_cast<uint32_t>(enc3(u));
+          std::memcpy(d, &w, 4);
+          d += 3;
+          s += 1;
+        }
+        u = *s;
         if (u < 0x800 || isSurrogate(u)) {
           runEnded = true;
           break;

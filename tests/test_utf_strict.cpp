@@ -276,3 +276,30 @@ TEST(UtfStrict, Utf16ValidatorAgreesWithIcuOnRandomUnits) {
     }
   }
 }
+
+TEST(UtfStrict, ThreeByteRunsEndingEveryWay) {
+  std::u16string const endings[] = {u"",           u"a",           u"\u00E9",
+                                    u"\U0001F600", u"\u4E2D\u00E9", std::u16string{0xD800},
+                                    std::u16string{0xDC00, 'x'}};
+  for (int k = 0; k < 20; ++k) {
+    for (auto const& end : endings) {
+      std::u16string const text = std::u16string(static_cast<size_t>(k), u'\u65E5') + end;
+      std::string icu;
+      bool const icuOk = icuToUtf8(text, icu).ok;
+      for (size_t slack : {size_t(0), size_t(1), text.size() * 3 + 8}) {
+        size_t const cap = icuOk ? icu.size() + slack : text.size() * 3 + 8;
+        Bytes ours(cap);
+        utf::Outcome r = utf::utf16ToUtf8(text.data(), text.size(), ours.data(), ours.size());
+        ASSERT_EQ(r.result == utf::Result::ok, icuOk) << k;
+        if (icuOk) {
+          ASSERT_EQ(std::string(ours.begin(), ours.begin() + static_cast<long>(r.written)), icu);
+          std::u16string back(icu.size() + slack, u'\0');
+          r = utf::utf8ToUtf16(reinterpret_cast<unsigned char const*>(icu.data()), icu.size(),
+                               back.data(), back.size());
+          ASSERT_EQ(r.result, utf::Result::ok);
+          ASSERT_EQ(back.substr(0, r.written), text);
+        }
+      }
+    }
+  }
+}
