@@ -255,14 +255,25 @@ namespace {
 template <class Text, class Atom, class OneFn>
 bool Sweep(std::vector<Atom> const& atoms, Text const& text, OneFn const& one) {
   size_t const n = text.size();
-  std::vector<unsigned char> cur(n + 2, 0), next(n + 2, 0);
+  // Two rows of n + 2 flags; short texts (the usual case) use the stack.
+  unsigned char small[2 * 256];
+  std::vector<unsigned char> large;
+  unsigned char* rows = small;
+  if (n + 2 > 256) {
+    large.assign(2 * (n + 2), 0);
+    rows = large.data();
+  } else {
+    std::memset(small, 0, 2 * (n + 2));
+  }
+  unsigned char* cur = rows;
+  unsigned char* next = rows + n + 2;
   cur[0] = 1;
   size_t lo = 0, hi = 0;
   for (size_t a = 0; a < atoms.size(); ++a) {
     Atom const& atom = atoms[a];
     if (atom.kind == SQueryString::QueryPatternOps::AnyRun) {
       if (a + 1 == atoms.size()) return true;  // a final "%" takes the rest
-      std::fill(cur.begin() + static_cast<long>(lo), cur.begin() + static_cast<long>(n + 1), 1);
+      std::memset(cur + lo, 1, n + 1 - lo);
       hi = n;
       continue;
     }
@@ -285,7 +296,7 @@ bool Sweep(std::vector<Atom> const& atoms, Text const& text, OneFn const& one) {
       nhi = p + width;
     }
     if (nlo > nhi) return false;
-    cur.swap(next);
+    std::swap(cur, next);
     lo = nlo;
     hi = nhi;
   }
