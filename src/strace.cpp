@@ -127,6 +127,9 @@ bool parseConversion(char const* p, Conversion& c) {
     }
   }
   if (*p == '\0' || std::strchr("sSdiuxXocCpfFeEgG", *p) == nullptr) return false;
+  // Width and precision of more than 4 digits are not conversions: a
+  // format from outside must not make a line of gigabytes.
+  if (c.width.size() > 4 || c.precision.size() > 5) return false;
   c.conv = *p;
   c.length = static_cast<size_t>(p - start) + 1;
   return true;

@@ -111,6 +111,8 @@ TEST(TraceHelper, PrintfConversions) {
       {"%1 then %s", {"a", "b"}, "a then a"},
       {"%q stays", {"a"}, "%q stays"},
       {"%S", {u"wide"}, "wide"},
+      {"%-99999s|", {"x"}, "%-99999s|"},
+      {"%-.123456s|", {"x"}, "%-.123456s|"},
   };
   for (auto const& c : cases) EXPECT_EQ(fmt(c.format, c.params), c.out) << c.format;
 }
