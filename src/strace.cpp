@@ -1,4 +1,5 @@
 // strace.cpp: trace parameters, format filling, scope traces.
+#include <quenlib/sdatetime.h>
 #include <quenlib/strace.h>
 
 #include <algorithm>
@@ -75,6 +76,18 @@ STraceParameter::STraceParameter(SAnsiString const& s)
 
 STraceParameter::STraceParameter(SChar_t<char, 0> const& c)
     : text_(c.getData().units, c.getNUnits()), kind_(kText) {}
+
+STraceParameter::STraceParameter(SDateTime const& t) : kind_(kText) {
+  SYSTEMTIME st{};
+  if (!t.IsValid() || !t.GetSYSTEMTIME(&st)) {
+    text_ = "(invalid)";
+    return;
+  }
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%04u-%02u-%02u %02u:%02u:%02u.%03u", st.wYear, st.wMonth, st.wDay, st.wHour,
+                st.wMinute, st.wSecond, st.wMilliseconds);
+  text_ = buf;
+}
 
 SAnsiString STraceParameter::GetString() const {
   return SAnsiString(text_.data(), static_cast<unsigned>(text_.size()));

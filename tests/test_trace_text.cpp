@@ -1,4 +1,5 @@
 // Trace texts: parameters, format filling, trace call sites and scopes.
+#include <quenlib/sdatetime.h>
 #include <quenlib/sstring.h>
 #include <quenlib/strace.h>
 
@@ -62,6 +63,8 @@ TEST(TraceParameter, EveryTypeBecomesText) {
       {STraceParameter(static_cast<void const*>(nullptr)), "(nil)"},
       {STraceParameter(std::string("std")), "std"},
       {STraceParameter(SAsciiString("ascii")), "ascii"},
+      {STraceParameter(SDateTime::FromUnixMilliseconds(1710145800005LL)), "2024-03-11 08:30:00.005"},
+      {STraceParameter(SDateTime()), "(invalid)"},
   };
   for (auto const& c : cases) {
     EXPECT_EQ(c.p.Text(), c.text);

@@ -40,6 +40,8 @@
 
 namespace QuenLibA500 {
 
+class SDateTime;
+
 // One trace argument, held as text. Integers also keep their value, so
 // that "%x" can show them in hexadecimal. A default-constructed parameter
 // is an empty slot (IsEmpty); any given value, even "", is not.
@@ -48,6 +50,8 @@ class QUENLIB_API STraceParameter {
   STraceParameter() = default;
   STraceParameter(SAnsiString const& s);
   STraceParameter(SChar_t<char, 0> const& c);
+  // "2024-03-11 08:30:00.005" (UTC), or "(invalid)".
+  STraceParameter(SDateTime const& t);
   STraceParameter(std::string s) : text_(std::move(s)), kind_(kText) {}
   STraceParameter(char const* s);
   STraceParameter(WChar const* s);
