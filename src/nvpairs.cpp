@@ -47,11 +47,12 @@ EscapeTable buildForm() {
   EscapeTable t{};
   for (unsigned c = 0; c < 256; ++c) setEscape(t, c, !(isAlnumByte(c) || c == '.' || c == '_'));
   // The space is flagged (it stops a run) but written as "+".
-  t.text[' '][0] = '+';
-  t.text[' '][1] = 0;
-  t.textW[' '][0] = u'+';
-  t.textW[' '][1] = 0;
-  t.length[' '] = 1;
+  unsigned const space = 0x20;
+  t.text[space][0] = '+';
+  t.text[space][1] = 0;
+  t.textW[space][0] = u'+';
+  t.textW[space][1] = 0;
+  t.length[space] = 1;
   return t;
 }
 
@@ -611,13 +612,71 @@ WChar const* WideEnd(WChar const* in, unsigned length) {
 
 }  // namespace
 
+namespace {
+
+// Decodes straight into the buffer of the result string. The output is
+// never longer than the input: "%XX" gives 1 byte for 3, "+" and a kept
+// "%" 1 for 1, and "%uXXXX" at most 6 (the longest locale character) for 6.
+struct DecodedAnsi : SAnsiString {
+  char* reserve(unsigned n) {
+    setBufferSize(n);
+    return getString();
+  }
+  void finish(unsigned n) { terminateBuffer(n); }
+};
+
+// The slow cases at a "%": "%uXXXX", or a malformed escape (reported, the
+// "%" kept). Returns the input consumed.
+size_t DecodeSpecialEscape(char const* p, char const* end, char*& o) {
+  size_t len = 0;
+  long v = EscapeValue(p, end, &len);
+  if (v >= 0x10000) {
+    ByteSink sink;
+    sink.wide(static_cast<unsigned>(v & 0xFFFF));
+    size_t k = sink.buf.size() <= 6 ? sink.buf.size() : 1;
+    std::memcpy(o, sink.buf.data(), k);
+    o += k;
+    return len;
+  }
+  QL_REPORT(kMalformedText, static_cast<char const*>(nullptr));
+  *o++ = '%';
+  return 1;
+}
+
+}  // namespace
+
 SAnsiString urlcodec::DecodeLocaleText(char const* p, size_t n) {
   char const* end = p + n;
   if (FindEncoded(p, end) == end) return SAnsiString(p, static_cast<unsigned>(n));
-  ByteSink sink;
-  sink.buf.reserve(n);
-  DecodeLoop(p, end, sink, Malformed::KeepPercent);
-  return SAnsiString(sink.buf.data(), static_cast<unsigned>(sink.buf.size()));
+  DecodedAnsi out;
+  char* const start = out.reserve(static_cast<unsigned>(n));
+  char* o = start;
+  signed char const* hex = HexValues();
+  while (p < end) {
+    char c = *p;
+    if (c != '%' && c != '+') {
+      *o++ = c;
+      ++p;
+      continue;
+    }
+    if (c == '+') {
+      *o++ = ' ';
+      ++p;
+      continue;
+    }
+    if (end - p >= 3) {
+      int hi = hex[static_cast<unsigned char>(p[1])];
+      int lo = hex[static_cast<unsigned char>(p[2])];
+      if ((hi | lo) >= 0) {
+        *o++ = static_cast<char>(hi * 16 + lo);
+        p += 3;
+        continue;
+      }
+    }
+    p += DecodeSpecialEscape(p, end, o);
+  }
+  out.finish(static_cast<unsigned>(o - start));
+  return out;
 }
 
 bool CNameValuePairs::internalURLStrDecode(SWCharString& out, WChar const* in,
