@@ -22,21 +22,6 @@ void ReportBadRadix(int radix) noexcept {
 
 namespace {
 
-using stringconv_internal::LimitDivRadix;
-
-// The whole range of T; "-" only for signed types. A radix below 1 would
-// divide by zero (or make no sense), so it fails here.
-template <class Str, class T>
-bool FromStringOf(Str const& s, T& out, int radix) noexcept {
-  if (radix < 1) {
-    out = 0;
-    return false;
-  }
-  constexpr T kMax = std::numeric_limits<T>::max();
-  return StringConvToInteger(s, out, typename Str::unit_type(0), kMax, LimitDivRadix(kMax, radix),
-                             radix, std::is_signed_v<T>);
-}
-
 template <class Str>
 bool FromStringPointer(Str const& s, void*& out) noexcept {
   uint64_t v = 0;
@@ -80,10 +65,6 @@ int32_t ToArrayOf(WChar (&out)[64], T value, int radix) noexcept {
 // ---------------------------------------------------------------------------
 // The overloads, one per integer type.
 
-#define QL_STRINGCONV_FROM(Conv, Str, T)                                   \
-  bool Conv::FromString(Str const& s, T& out, int radix) noexcept {        \
-    return FromStringOf(s, out, radix);                                    \
-  }
 #define QL_STRINGCONV_TO(Conv, Str, T)                                     \
   Str Conv::ToString(T value, int radix) { return ToStringOf<Str>(value, radix); }
 #define QL_WCHARCONV_TO_REF(T)                                             \
@@ -96,18 +77,6 @@ int32_t ToArrayOf(WChar (&out)[64], T value, int radix) noexcept {
     return ToArrayOf(out, value, radix);                                   \
   }
 
-#define QL_STRINGCONV_FROM_ALL(Conv, Str)             \
-  QL_STRINGCONV_FROM(Conv, Str, signed char)          \
-  QL_STRINGCONV_FROM(Conv, Str, short)                \
-  QL_STRINGCONV_FROM(Conv, Str, int)                  \
-  QL_STRINGCONV_FROM(Conv, Str, long)                 \
-  QL_STRINGCONV_FROM(Conv, Str, long long)            \
-  QL_STRINGCONV_FROM(Conv, Str, unsigned char)        \
-  QL_STRINGCONV_FROM(Conv, Str, unsigned short)       \
-  QL_STRINGCONV_FROM(Conv, Str, unsigned int)         \
-  QL_STRINGCONV_FROM(Conv, Str, unsigned long)        \
-  QL_STRINGCONV_FROM(Conv, Str, unsigned long long)
-
 #define QL_STRINGCONV_TO_ALL(Conv, Str)               \
   QL_STRINGCONV_TO(Conv, Str, short)                  \
   QL_STRINGCONV_TO(Conv, Str, unsigned short)         \
@@ -119,8 +88,6 @@ int32_t ToArrayOf(WChar (&out)[64], T value, int radix) noexcept {
   QL_STRINGCONV_TO(Conv, Str, unsigned long)          \
   QL_STRINGCONV_TO(Conv, Str, unsigned long long)
 
-QL_STRINGCONV_FROM_ALL(SAnsiStringConv, SAnsiString)
-QL_STRINGCONV_FROM_ALL(SWCharStringConv, SWCharString)
 QL_STRINGCONV_TO_ALL(SAnsiStringConv, SAnsiString)
 QL_STRINGCONV_TO_ALL(SWCharStringConv, SWCharString)
 

@@ -228,14 +228,29 @@ struct Accumulator {
   U limit;
   U limitDivRadix;
   U radix;
+  // Below this value any digit keeps value * radix + digit within limit,
+  // so the full check can be skipped (0 when no value is that safe).
+  U fastBound;
   bool negative = false;
 
   constexpr Accumulator(T lim, T ldr, int r) noexcept
-      : limit(static_cast<U>(lim)), limitDivRadix(static_cast<U>(ldr)), radix(static_cast<U>(r)) {}
+      : limit(static_cast<U>(lim)),
+        limitDivRadix(static_cast<U>(ldr)),
+        radix(static_cast<U>(r)),
+        fastBound(FastBound(static_cast<U>(lim), static_cast<U>(r))) {}
+
+  static constexpr U FastBound(U lim, U r) noexcept {
+    if (r == 0 || lim < static_cast<U>(r - 1)) return 0;
+    return static_cast<U>((lim - (r - 1)) / r + 1);
+  }
 
   // Adds one digit; false when the value leaves its range.
   QL_STRINGCONV_INLINE constexpr bool Push(unsigned digit) noexcept {
     U d = static_cast<U>(digit);
+    if (value < fastBound) {
+      value = static_cast<U>(value * radix + d);
+      return true;
+    }
     if (value > limitDivRadix) {
       if (!negative || static_cast<U>(value - 1) > limitDivRadix) return false;
       Step r = AtMinimum(value, radix, d, limit);
@@ -328,16 +343,26 @@ QL_STRINGCONV_INLINE bool ScanUnits(Unit const* p, uint32_t i, uint32_t n, Accum
   // A radix below 1 has no digits at all (only an empty number parses).
   unsigned radix = kRadix ? static_cast<unsigned>(kRadix)
                           : static_cast<unsigned>(runtimeRadix < 0 ? 0 : runtimeRadix);
+  using UU = std::make_unsigned_t<Unit>;
   for (; i < n; ++i) {
-    unsigned d = 0;
-    switch (Classify<true>(p[i], radix, d)) {
-      case UnitKind::kDigit:
-        if (!acc.Push(d)) return false;
-        break;
-      case UnitKind::kSkip: break;
-      case UnitKind::kStop: return true;
-      case UnitKind::kBad: return kMultibyte && p[i] == 0;
+    UU c = static_cast<UU>(p[i]);
+    unsigned d;
+    if constexpr (kRadix == 10)
+      d = static_cast<unsigned>(c) - '0';  // wraps high for units below '0'
+    else
+      d = c < 128 ? kDigitValues.v[c] : 0xFFu;
+    if (d < radix) [[likely]] {
+      // The common case: no overflow is possible yet.
+      if (acc.value < acc.fastBound) [[likely]] {
+        acc.value = static_cast<typename Accumulator<T>::U>(acc.value * radix + d);
+        continue;
+      }
+      if (!acc.Push(d)) return false;
+      continue;
     }
+    if (c == '.' || c == ' ') return true;
+    if (kRadix != 10 && radix == 16 && (c == 'x' || c == 'X')) continue;
+    return kMultibyte && c == 0;
   }
   return true;
 }
@@ -441,10 +466,28 @@ inline bool StringConvToIntegerIterator(It begin, It const& end, T& out, T limit
   return true;
 }
 
+namespace stringconv_internal {
+
+// The wrappers' reading: the whole range of T, "-" only for signed types.
+// A radix below 1 fails (it would divide by zero).
+template <class Str, class T>
+inline bool FromStringOf(Str const& s, T& out, int radix) noexcept {
+  if (radix < 1) {
+    out = 0;
+    return false;
+  }
+  constexpr T kMax = std::numeric_limits<T>::max();
+  return StringConvToInteger(s, out, typename Str::unit_type(0), kMax, LimitDivRadix(kMax, radix),
+                             radix, std::is_signed_v<T>);
+}
+
+}  // namespace stringconv_internal
+
 // ---------------------------------------------------------------------------
 // SAnsiStringConv: numbers in SAnsiString text.
 //
 // FromString accepts the type's whole range; unsigned types refuse "-".
+// It is inline, so that a constant radix folds into the caller.
 // The 16-bit ToString forms always write decimal: their radix argument is
 // accepted and ignored, as the library always did.
 //
@@ -454,16 +497,36 @@ inline bool StringConvToIntegerIterator(It begin, It const& end, T& out, T limit
 //   SAnsiStringConv::FromString("7ffd1234abcd", handle);  // hexadecimal
 class QUENLIB_API SAnsiStringConv {
  public:
-  static bool FromString(SAnsiString const& s, signed char& out, int radix = 10) noexcept;
-  static bool FromString(SAnsiString const& s, short& out, int radix = 10) noexcept;
-  static bool FromString(SAnsiString const& s, int& out, int radix = 10) noexcept;
-  static bool FromString(SAnsiString const& s, long& out, int radix = 10) noexcept;
-  static bool FromString(SAnsiString const& s, long long& out, int radix = 10) noexcept;
-  static bool FromString(SAnsiString const& s, unsigned char& out, int radix = 10) noexcept;
-  static bool FromString(SAnsiString const& s, unsigned short& out, int radix = 10) noexcept;
-  static bool FromString(SAnsiString const& s, unsigned int& out, int radix = 10) noexcept;
-  static bool FromString(SAnsiString const& s, unsigned long& out, int radix = 10) noexcept;
-  static bool FromString(SAnsiString const& s, unsigned long long& out, int radix = 10) noexcept;
+  static bool FromString(SAnsiString const& s, signed char& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SAnsiString const& s, short& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SAnsiString const& s, int& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SAnsiString const& s, long& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SAnsiString const& s, long long& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SAnsiString const& s, unsigned char& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SAnsiString const& s, unsigned short& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SAnsiString const& s, unsigned int& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SAnsiString const& s, unsigned long& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SAnsiString const& s, unsigned long long& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
   // A pointer-sized value in hexadecimal (up to 16 digits).
   static bool FromString(SAnsiString const& s, void*& out) noexcept;
 
@@ -496,16 +559,36 @@ using SStringConv = SAnsiStringConv;
 //   SWCharStringConv::ToString(w, -7);          // u"-7"
 class QUENLIB_API SWCharStringConv {
  public:
-  static bool FromString(SWCharString const& s, signed char& out, int radix = 10) noexcept;
-  static bool FromString(SWCharString const& s, short& out, int radix = 10) noexcept;
-  static bool FromString(SWCharString const& s, int& out, int radix = 10) noexcept;
-  static bool FromString(SWCharString const& s, long& out, int radix = 10) noexcept;
-  static bool FromString(SWCharString const& s, long long& out, int radix = 10) noexcept;
-  static bool FromString(SWCharString const& s, unsigned char& out, int radix = 10) noexcept;
-  static bool FromString(SWCharString const& s, unsigned short& out, int radix = 10) noexcept;
-  static bool FromString(SWCharString const& s, unsigned int& out, int radix = 10) noexcept;
-  static bool FromString(SWCharString const& s, unsigned long& out, int radix = 10) noexcept;
-  static bool FromString(SWCharString const& s, unsigned long long& out, int radix = 10) noexcept;
+  static bool FromString(SWCharString const& s, signed char& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SWCharString const& s, short& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SWCharString const& s, int& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SWCharString const& s, long& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SWCharString const& s, long long& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SWCharString const& s, unsigned char& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SWCharString const& s, unsigned short& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SWCharString const& s, unsigned int& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SWCharString const& s, unsigned long& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
+  static bool FromString(SWCharString const& s, unsigned long long& out, int radix = 10) noexcept {
+    return stringconv_internal::FromStringOf(s, out, radix);
+  }
   static bool FromString(SWCharString const& s, void*& out) noexcept;
 
   static SWCharString ToString(short value, int radix = 10);
