@@ -16,12 +16,14 @@
 
 namespace QuenLibA500 {
 
-// The text being built: a stack buffer for the usual short results.
+// The text being built: a stack buffer for the usual short results, a
+// heap string once that is full. Single bytes and short numbers are stored
+// directly; the per-call memcpy was most of the formatting time.
 class SFormatOut {
  public:
   void append(char const* s, size_t n) {
     if (m_len + n <= sizeof m_buf) {
-      std::memcpy(m_buf + m_len, s, n);
+      for (size_t i = 0; i < n; ++i) m_buf[m_len + i] = s[i];
       m_len += n;
       return;
     }
@@ -29,35 +31,58 @@ class SFormatOut {
     m_big.append(s, n);
   }
   void append(SAnsiString const& s) { append(s.getString(), s.getLength()); }
-  void put(char c) { append(&c, 1); }
+  void put(char c) {
+    if (m_len < sizeof m_buf) {
+      m_buf[m_len++] = c;
+      return;
+    }
+    spill();
+    m_big += c;
+  }
   // A number without leading zeros; with `width`, zero-padded to that many
   // digits (a negative number keeps its sign in front).
   void number(int64_t v, int width = 0) {
-    char tmp[24];
-    char* e = tmp + sizeof tmp;
-    char* p = e;
+    if (v >= 0 && v < 100 && width <= 2) {
+      if (v >= 10 || width == 2) put(char('0' + v / 10));
+      put(char('0' + v % 10));
+      return;
+    }
     uint64_t u = v < 0 ? uint64_t(0) - uint64_t(v) : uint64_t(v);
-    do {
-      *--p = char('0' + u % 10);
-      u /= 10;
-    } while (u);
-    while (e - p < width) *--p = '0';
-    if (v < 0) *--p = '-';
-    append(p, size_t(e - p));
+    int digits = 1;
+    for (uint64_t x = u; x >= 10; x /= 10) ++digits;
+    int total = (digits > width ? digits : width) + (v < 0 ? 1 : 0);
+    char tmp[48];
+    bool direct = m_len + size_t(total) <= sizeof m_buf;
+    char* p = (direct ? m_buf + m_len : tmp) + total;  // written backwards
+    char* begin = p - total;
+    if (u <= 0xFFFFFFFFu) {
+      // 32-bit divisions by a constant are a multiply and a shift.
+      for (uint32_t w = uint32_t(u); p > begin + total - digits; w /= 10) *--p = char('0' + w % 10);
+    } else {
+      for (; p > begin + total - digits; u /= 10) *--p = char('0' + u % 10);
+    }
+    while (p > begin + (v < 0 ? 1 : 0)) *--p = '0';
+    if (v < 0) *begin = '-';
+    if (direct)
+      m_len += size_t(total);
+    else
+      append(tmp, size_t(total));
   }
   SAnsiString str() const {
-    if (m_big.empty()) return SAnsiString(m_buf, unsigned(m_len));
+    if (!m_spilled) return SAnsiString(m_buf, unsigned(m_len));
     return SAnsiString(m_big.data(), unsigned(m_big.size()));
   }
 
  private:
   void spill() {
-    if (!m_big.empty() || m_len == 0) return;
+    if (m_spilled) return;
     m_big.assign(m_buf, m_len);
+    m_spilled = true;
     m_len = sizeof m_buf + 1;  // never fits again: everything goes to m_big
   }
   char m_buf[128];
   size_t m_len = 0;
+  bool m_spilled = false;
   std::string m_big;
 };
 

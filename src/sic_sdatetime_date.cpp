@@ -19,17 +19,19 @@ constexpr int64_t MonthDays(int64_t m) noexcept { return (306001 * (m + 1)) / 10
 // Day number of day 0 of the March-based year `y` in the Julian calendar.
 constexpr int64_t JulianYearBase(int64_t y) noexcept { return 365 * y + y / 4 + kDayBase; }
 
-void GregorianFromDay(int64_t day, int& year, int& month, int& dayOfMonth) noexcept {
-  // Civil-from-days over 400-year eras, days counted from 0000-03-01.
-  int64_t z = day - SDate::kUnixEpochDay + 719468;
-  int64_t era = dt::FloorDiv(z, 146097);
-  int64_t doe = z - era * 146097;
-  int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  int64_t mp = (5 * doy + 2) / 153;
-  dayOfMonth = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
-  month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
-  year = static_cast<int>(yoe + era * 400 + (month <= 2 ? 1 : 0));
+// Civil-from-days over 400-year eras counted from 0000-03-01. Only called
+// for days from 1582-10-15 on, where every intermediate value is positive
+// and fits 32 unsigned bits, which keeps the divisions cheap.
+void GregorianFromDay(int32_t day, int& year, int& month, int& dayOfMonth) noexcept {
+  uint32_t z = uint32_t(day) - uint32_t(SDate::kUnixEpochDay) + 719468u;
+  uint32_t era = z / 146097u;
+  uint32_t doe = z - era * 146097u;
+  uint32_t yoe = (doe - doe / 1460u + doe / 36524u - doe / 146096u) / 365u;
+  uint32_t doy = doe - (365u * yoe + yoe / 4u - yoe / 100u);
+  uint32_t mp = (5u * doy + 2u) / 153u;
+  dayOfMonth = static_cast<int>(doy - (153u * mp + 2u) / 5u + 1u);
+  month = static_cast<int>(mp < 10u ? mp + 3u : mp - 9u);
+  year = static_cast<int>(yoe + era * 400u + (month <= 2 ? 1u : 0u));
 }
 
 // Inverse of the B = 0 branch of YMDToJulian. Years are March-based

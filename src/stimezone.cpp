@@ -130,9 +130,31 @@ STimeZone::STimeZone(short offset, bool dst)
     : m_standardOffset(offset), m_daylightOffset(static_cast<short>(dst ? offset - 60 : offset)),
       m_dstEnabled(dst), m_start(kDefaultStart), m_end(kDefaultEnd) {}
 
-STimeZone::STimeZone(STimeZone const& other) = default;
-STimeZone& STimeZone::operator=(STimeZone const& other) = default;
+STimeZone::STimeZone(STimeZone const& other)
+    : m_standardName(other.m_standardName), m_standardOffset(other.m_standardOffset),
+      m_daylightName(other.m_daylightName), m_daylightOffset(other.m_daylightOffset),
+      m_dstEnabled(other.m_dstEnabled), m_start(other.m_start), m_end(other.m_end) {}
+
+STimeZone& STimeZone::operator=(STimeZone const& other) {
+  m_standardName = other.m_standardName;
+  m_standardOffset = other.m_standardOffset;
+  m_daylightName = other.m_daylightName;
+  m_daylightOffset = other.m_daylightOffset;
+  m_dstEnabled = other.m_dstEnabled;
+  m_start = other.m_start;
+  m_end = other.m_end;
+  resetCache();
+  return *this;
+}
+
 STimeZone::~STimeZone() = default;
+
+// Only called while no other thread can use the zone (it is being changed).
+void STimeZone::resetCache() noexcept {
+  m_cache.from.store(1, std::memory_order_relaxed);
+  m_cache.to.store(0, std::memory_order_relaxed);
+  m_cache.seq.fetch_add(2, std::memory_order_release);
+}
 
 STimeZone::STimeZone(SAnsiString const& rules) : m_start(kDefaultStart), m_end(kDefaultEnd) {
   if (!rules.isEmpty()) {
@@ -223,6 +245,7 @@ void STimeZone::SetFields(SAnsiString const& standardName, short standardOffset,
   m_start = start;
   m_end = end;
   if (!dstEnabled || !UsableTransition(start) || !UsableTransition(end)) disableDST();
+  resetCache();
 }
 
 int64_t STimeZone::DSTStartUTC(int year) const noexcept {
@@ -233,17 +256,44 @@ int64_t STimeZone::DSTEndUTC(int year) const noexcept {
   return TransitionLocalMs(year, m_end) + int64_t(m_daylightOffset) * 60000 - dt::kUnixEpochAbsMs;
 }
 
+namespace {
+
+bool Within(int64_t t, int64_t start, int64_t end) noexcept {
+  if (start < end) return start <= t && t < end;
+  return t >= start || t < end;  // southern hemisphere
+}
+
+}  // namespace
+
 bool STimeZone::inDSTAt(int64_t utcAbsMs) const noexcept {
   if (!m_dstEnabled) return false;
+  uint32_t seq = m_cache.seq.load(std::memory_order_acquire);
+  if ((seq & 1) == 0 && m_cache.from.load(std::memory_order_relaxed) <= utcAbsMs &&
+      utcAbsMs < m_cache.to.load(std::memory_order_relaxed)) {
+    int64_t start = m_cache.start.load(std::memory_order_relaxed);
+    int64_t end = m_cache.end.load(std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (m_cache.seq.load(std::memory_order_relaxed) == seq) return Within(utcAbsMs, start, end);
+  }
   // The year is that of the instant in local standard time.
-  int64_t day = dt::FloorDiv(utcAbsMs - int64_t(m_standardOffset) * 60000, dt::kMsPerDay);
+  int64_t bias = int64_t(m_standardOffset) * 60000;
+  int64_t day = dt::FloorDiv(utcAbsMs - bias, dt::kMsPerDay);
   if (!dt::DayInRange(day)) return false;
   int year, month, dom;
   SDate::JulianToYMD(static_cast<int32_t>(day), year, month, dom);
-  int64_t start = TransitionLocalMs(year, m_start) + int64_t(m_standardOffset) * 60000;
+  int64_t start = TransitionLocalMs(year, m_start) + bias;
   int64_t end = TransitionLocalMs(year, m_end) + int64_t(m_daylightOffset) * 60000;
-  if (start < end) return start <= utcAbsMs && utcAbsMs < end;
-  return utcAbsMs >= start || utcAbsMs < end;  // southern hemisphere
+  int32_t first = SDate::YMDToJulian(year, 1, 1), next = SDate::YMDToJulian(year == -1 ? 1 : year + 1, 1, 1);
+  if ((seq & 1) == 0 && first != SDate::InvalidDate && next != SDate::InvalidDate &&
+      m_cache.seq.compare_exchange_strong(seq, seq + 1, std::memory_order_relaxed)) {
+    std::atomic_thread_fence(std::memory_order_release);
+    m_cache.from.store(int64_t(first) * dt::kMsPerDay + bias, std::memory_order_relaxed);
+    m_cache.to.store(int64_t(next) * dt::kMsPerDay + bias, std::memory_order_relaxed);
+    m_cache.start.store(start, std::memory_order_relaxed);
+    m_cache.end.store(end, std::memory_order_relaxed);
+    m_cache.seq.store(seq + 2, std::memory_order_release);
+  }
+  return Within(utcAbsMs, start, end);
 }
 
 bool STimeZone::InDST(SDateTime const& when) const {

@@ -34,6 +34,7 @@
 #include <quenlib/quenlib_export.h>
 #include <quenlib/sstring.h>
 
+#include <atomic>
 #include <cstdint>
 
 namespace QuenLibA500 {
@@ -107,6 +108,16 @@ class QUENLIB_API STimeZone {
   void setDefaultRule() noexcept;
   void disableDST() noexcept;
   bool inDSTAt(int64_t utcMs) const noexcept;
+  void resetCache() noexcept;
+
+  // The daylight-saving period of the last year asked for, kept because
+  // callers mostly ask about nearby instants. A sequence lock keeps readers
+  // on other threads consistent: an odd sequence means a write is under way.
+  struct YearCache {
+    std::atomic<uint32_t> seq{0};
+    std::atomic<int64_t> from{1}, to{0};  // the year, in UTC; empty at first
+    std::atomic<int64_t> start{0}, end{0};
+  };
 
   SAnsiString m_standardName;
   short m_standardOffset = 0;
@@ -115,6 +126,7 @@ class QUENLIB_API STimeZone {
   bool m_dstEnabled = false;
   STimeZoneTransition m_start;
   STimeZoneTransition m_end;
+  mutable YearCache m_cache;
 
   friend class SDateTime;
 };
