@@ -953,6 +953,14 @@ void validateOnce() {
   std::call_once(once, [] { emit(ValidateMapping(kLevelTable, SLogger::kLevelCount)); });
 }
 
+// A process that exits without Terminate still gets its log flushed, its
+// plug-ins terminated and the updater stopped before static destruction.
+void terminateAtExit();
+void registerExitHandler() {
+  static std::once_flag once;
+  std::call_once(once, [] { std::atexit(terminateAtExit); });
+}
+
 }  // namespace
 
 // ------------------------------------------------------------- public side
@@ -1010,11 +1018,14 @@ std::string describeActive() {
   return describeConfig(b.active, b.logFile, b.settingsFile);
 }
 
+void terminateAtExit() { TraceBridge::Terminate(); }
+
 }  // namespace
 
 bool TraceBridge::Initialize(CParamLineArgs const& args, bool readEnvironment) {
   std::lock_guard<std::mutex> life(lifecycleLock());
   validateOnce();
+  registerExitHandler();
   terminateNow();
   Bridge& b = bridge();
   CParamLineArgs const all = withEnvironment(args, readEnvironment);

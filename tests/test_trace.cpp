@@ -334,3 +334,16 @@ TEST_F(Trace, StackDumpFollowsTheAssertion) {
   size_t const at = text.find("Assert  deep(3): Assertion failed: depth < 10\n    at ");
   EXPECT_NE(at, std::string::npos) << text;
 }
+
+TEST_F(Trace, ExitWithoutTerminateStillFlushesTheLog) {
+  GTEST_FLAG_SET(death_test_style, "fast");  // the child shares the scratch directory
+  std::string const file = dir.file("exit.log");
+  EXPECT_EXIT(
+      {
+        init("-trace m -logFile " + file);
+        SLogger::Trace(SLogger::tl_M, "last words", "a.cpp", 1);
+        std::exit(3);
+      },
+      ::testing::ExitedWithCode(3), "");
+  EXPECT_NE(readFile(file).find("last words\n"), std::string::npos);
+}
