@@ -6,7 +6,10 @@
 // each atom (a byte per position). Each (atom, position) pair is thus
 // decided exactly once, which is the memo of "can the rest of the pattern
 // match from here": time is O(pattern x text) and a run of "%" cannot make
-// it explode the way plain backtracking does.
+// it explode the way plain backtracking does. The steps before the first
+// "%" and after the last one can match at one place only (the start and
+// the end), so they are checked there directly and the sweep covers the
+// part in between.
 #include <quenlib/qrysstring.h>
 
 #include <algorithm>
@@ -252,8 +255,34 @@ namespace {
 // The reachable-position sweep over one text representation. `cur[p]`
 // is set when the atoms so far can consume exactly the first p
 // characters; [lo, hi] bounds the set positions.
+// A window [off, off + n) of another text.
+template <class Text>
+struct SubText {
+  Text const& base;
+  size_t off, n;
+  size_t size() const { return n; }
+  uint32_t operator[](size_t i) const { return base[off + i]; }
+};
+
+template <class Atom>
+size_t Width(Atom const& atom) {
+  return atom.kind == SQueryString::QueryPatternOps::Literal ? atom.chars.size() : 1;
+}
+
+// One fixed-width atom at position p (the caller checked p + width <= n).
 template <class Text, class Atom, class OneFn>
-bool Sweep(std::vector<Atom> const& atoms, Text const& text, OneFn const& one) {
+bool AtomAt(Atom const& atom, Text const& text, size_t p, OneFn const& one) {
+  if (atom.kind != SQueryString::QueryPatternOps::Literal) return one(atom, text[p]);
+  for (size_t k = 0; k < atom.chars.size(); ++k)
+    if (text[p + k] != atom.chars[k]) return false;
+  return true;
+}
+
+// The reachable-position sweep over atoms [first, last). `cur[p]` is set
+// when the atoms so far can consume exactly the first p characters; [lo,
+// hi] bounds the set positions.
+template <class Text, class Atom, class OneFn>
+bool Sweep(Atom const* first, Atom const* last, Text const& text, OneFn const& one) {
   size_t const n = text.size();
   // Two rows of n + 2 flags; short texts (the usual case) use the stack.
   unsigned char small[2 * 256];
@@ -269,28 +298,22 @@ bool Sweep(std::vector<Atom> const& atoms, Text const& text, OneFn const& one) {
   unsigned char* next = rows + n + 2;
   cur[0] = 1;
   size_t lo = 0, hi = 0;
-  for (size_t a = 0; a < atoms.size(); ++a) {
-    Atom const& atom = atoms[a];
-    if (atom.kind == SQueryString::QueryPatternOps::AnyRun) {
-      if (a + 1 == atoms.size()) return true;  // a final "%" takes the rest
+  for (Atom const* a = first; a != last; ++a) {
+    if (a->kind == SQueryString::QueryPatternOps::AnyRun) {
+      if (a + 1 == last) return true;  // a final "%" takes the rest
       std::memset(cur + lo, 1, n + 1 - lo);
       hi = n;
       continue;
     }
-    size_t width = atom.kind == SQueryString::QueryPatternOps::Literal ? atom.chars.size() : 1;
+    size_t width = Width(*a);
+    // Followed by a final "%": the first position that passes decides.
+    bool lastBeforeRun = a + 2 == last && (a + 1)->kind == SQueryString::QueryPatternOps::AnyRun;
     size_t nlo = n + 1, nhi = 0;
     for (size_t p = lo; p <= hi; ++p) {
       if (!cur[p]) continue;
       cur[p] = 0;
-      if (p + width > n) continue;
-      bool ok;
-      if (atom.kind == SQueryString::QueryPatternOps::Literal) {
-        ok = true;
-        for (size_t k = 0; k < width && ok; ++k) ok = text[p + k] == atom.chars[k];
-      } else {
-        ok = one(atom, text[p]);
-      }
-      if (!ok) continue;
+      if (p + width > n || !AtomAt(*a, text, p, one)) continue;
+      if (lastBeforeRun) return true;
       next[p + width] = 1;
       nlo = std::min(nlo, p + width);
       nhi = p + width;
@@ -303,11 +326,41 @@ bool Sweep(std::vector<Atom> const& atoms, Text const& text, OneFn const& one) {
   return cur[n] != 0;
 }
 
+// The atoms before the first "%" must match at the start and those after
+// the last "%" at the end, each at one place only; the sweep runs on what
+// lies between (which starts and ends with "%").
+template <class Text, class Atom, class OneFn>
+bool MatchAll(std::vector<Atom> const& atoms, Text const& text, OneFn const& one) {
+  size_t const n = text.size();
+  size_t const count = atoms.size();
+  size_t a = 0, pos = 0;
+  for (; a < count && atoms[a].kind != SQueryString::QueryPatternOps::AnyRun; ++a) {
+    size_t w = Width(atoms[a]);
+    if (pos + w > n || !AtomAt(atoms[a], text, pos, one)) return false;
+    pos += w;
+  }
+  if (a == count) return pos == n;
+  size_t lastRun = count - 1;
+  while (atoms[lastRun].kind != SQueryString::QueryPatternOps::AnyRun) --lastRun;
+  size_t tail = 0;
+  for (size_t b = lastRun + 1; b < count; ++b) tail += Width(atoms[b]);
+  if (pos + tail > n) return false;
+  size_t q = n - tail;
+  size_t const middleEnd = q;
+  for (size_t b = lastRun + 1; b < count; ++b) {
+    if (!AtomAt(atoms[b], text, q, one)) return false;
+    q += Width(atoms[b]);
+  }
+  if (lastRun == a) return true;  // one "%" takes everything between
+  SubText<Text> middle{text, pos, middleEnd - pos};
+  return Sweep(atoms.data() + a, atoms.data() + lastRun + 1, middle, one);
+}
+
 }  // namespace
 
 bool SQueryString::doMatch(std::vector<uint32_t> const& text) const {
   auto one = [this](Atom const& atom, uint32_t c) { return isAMatch(atom, c); };
-  return Sweep(m_atoms, CodeText{text}, one);
+  return MatchAll(m_atoms, CodeText{text}, one);
 }
 
 bool SQueryString::like(SAnsiString const& text) {
@@ -319,7 +372,7 @@ bool SQueryString::like(SAnsiString const& text) {
   for (unsigned i = 0; i < n && ascii; ++i) ascii = static_cast<unsigned char>(p[i]) < 0x80;
   if (ascii) {
     auto one = [this](Atom const& atom, uint32_t c) { return isAMatch(atom, c); };
-    return Sweep(m_atoms, AsciiText{reinterpret_cast<unsigned char const*>(p), n}, one);
+    return MatchAll(m_atoms, AsciiText{reinterpret_cast<unsigned char const*>(p), n}, one);
   }
   return doMatch(LowerCodePoints(p, n));
 }

@@ -185,6 +185,12 @@ TEST(QueryString, ManyPercentsOnLongText) {
   EXPECT_FALSE(q.like(text.c_str()));
   text.back() = 'b';
   EXPECT_TRUE(q.like(text.c_str()));
+  // Ending in "%", so that the whole pattern goes through the sweep.
+  SQueryString open((pattern + "%").c_str());
+  text.back() = 'a';
+  EXPECT_FALSE(open.like(text.c_str()));
+  text[text.size() / 2] = 'b';
+  EXPECT_TRUE(open.like(text.c_str()));
 }
 
 TEST(QueryStringHelpers, WildcardsAndQuoting) {
