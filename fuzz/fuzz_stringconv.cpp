@@ -19,11 +19,13 @@ __extension__ using Int128 = __int128;
 
 enum class Form { kAnsi, kWide, kIterator };
 
-int DigitValue(unsigned char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'z') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'Z') return c - 'A' + 10;
-  return -1;
+// A unit is c - '0' when that is below the radix; otherwise, above radix
+// 10, its letter value (from 'a' on c - 'a' + 10, else c - 'A' + 10).
+int DigitValue(unsigned char c, int radix) {
+  int d = c - '0';
+  if (d >= 0 && d < radix) return d;
+  if (radix <= 10) return -1;
+  return c >= 'a' ? c - 'a' + 10 : c - 'A' + 10;
 }
 
 // The rules, written as plainly as possible, with a 128-bit magnitude.
@@ -42,7 +44,7 @@ bool Model(std::string const& s, int radix, Form form, T& out) {
   for (; i < s.size(); ++i) {
     unsigned char c = static_cast<unsigned char>(s[i]);
     if (form == Form::kAnsi && c == 0) break;  // the character count ends here
-    int d = DigitValue(c);
+    int d = DigitValue(c, radix);
     if (d >= 0 && d < radix) {
       magnitude = magnitude * radix + d;
       if (magnitude > max + (negative ? 1 : 0)) return false;

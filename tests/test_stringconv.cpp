@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <clocale>
 #include <cstdint>
 #include <limits>
@@ -152,15 +153,18 @@ INSTANTIATE_TEST_SUITE_P(
         ParseCase{"0x1F", 16, true, 31}, ParseCase{"0X1f", 16, true, 31},
         ParseCase{"1x2x3", 16, true, 0x123}, ParseCase{"x", 16, true, 0},
         ParseCase{"FG", 16, false, 0}, ParseCase{"0x1F", 10, false, 0},
-        ParseCase{"0x1F", 36, true, 33 * 36 * 36 + 1 * 36 + 15}, ParseCase{"0x1F", 17, false, 0},
+        ParseCase{"0x1F", 36, true, 33 * 36 * 36 + 1 * 36 + 22}, ParseCase{"0x1F", 17, false, 0},
         ParseCase{"z", 36, true, 35}, ParseCase{"Z", 36, true, 35}, ParseCase{"z", 35, false, 0},
         ParseCase{"9", 9, false, 0}, ParseCase{"777", 8, true, 511},
         ParseCase{"102", 2, false, 0}, ParseCase{"1011", 2, true, 11},
         ParseCase{"000", 1, true, 0}, ParseCase{"1", 1, false, 0}, ParseCase{"5", 0, false, 0},
         ParseCase{"5", -10, false, 0}, ParseCase{"[", 16, false, 0},
         ParseCase{"`", 16, false, 0}, ParseCase{"{", 36, false, 0},
-        ParseCase{"1:", 16, false, 0}, ParseCase{"@", 36, false, 0}, ParseCase{"1?", 20, false, 0},
-        ParseCase{"A", 18, true, 10}, ParseCase{"h", 18, true, 17}, ParseCase{"i", 18, false, 0},
+        // Units are read as unit - '0' first: punctuation after '9' is a digit
+        // above radix 10, upper-case letters count from 17 above radix 17.
+        ParseCase{"1:", 16, true, 26}, ParseCase{"@", 36, true, 16}, ParseCase{"1?", 20, true, 35},
+        ParseCase{":", 10, false, 0}, ParseCase{"<", 12, true, 5},
+        ParseCase{"A", 17, true, 10}, ParseCase{"A", 18, true, 17}, ParseCase{"a", 18, true, 10}, ParseCase{"h", 18, true, 17}, ParseCase{"i", 18, false, 0},
         ParseCase{"2147483647", 10, true, INT32_MAX},
         ParseCase{"2147483648", 10, false, 0},
         ParseCase{"-2147483648", 10, true, INT32_MIN},
@@ -388,8 +392,17 @@ std::string Reference(Wide128 v, int radix) {
   return s;
 }
 
+// Upper-case letters read as unit - '0' above radix 17, so text written
+// there reads back once lower-cased.
+std::string Readable(std::string text, int radix) {
+  if (radix > 17)
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
 template <class T>
-bool ParseBoth(std::string const& text, T& out, int radix) {
+bool ParseBoth(std::string const& written, T& out, int radix) {
+  std::string const text = Readable(written, radix);
   T a = 1, w = 1;
   bool okA = SAnsiStringConv::FromString(text.c_str(), a, radix);
   bool okW = SWCharStringConv::FromString(Wide(text), w, radix);

@@ -25,7 +25,12 @@
 //    a radix other than 10 is written as the two's complement of its own
 //    type ((int16_t)-1 in radix 16 is "FFFF", (int32_t)-1 is "FFFFFFFF").
 //  - Parsing accepts an optional leading "-" (signed types only), never
-//    "+". Letters of either case are digits when the radix is above 10.
+//    "+". A unit is first read as unit - '0'; only when that is not below
+//    the radix are letters mapped (a/A = 10) in radixes above 10. So in
+//    radixes above 17 an upper-case letter reads as unit - '0' ("A" is 17
+//    in radix 18) and ':'..'@' read as 10..16 above radix 10, while the
+//    lower-case letters always read as 10..35: text written in radixes
+//    above 17 reads back after lower-casing it.
 //  - The string form stops with success at the first "." or space, so
 //    "3.9" gives 3 and "12 abc" gives 12; in radix 16 it skips every "x"
 //    or "X", so "0x1F" gives 31. The iterator form stops only at "." and
@@ -37,8 +42,7 @@
 //
 // Radixes 2 to 36 are the useful ones. A radix below 2 writes nothing (the
 // empty text, length 0) and reports an assertion; parsing with a radix
-// below 1 fails. Writing in a radix above 36 uses characters beyond 'Z',
-// which parsing does not read back (its digits are 0-9 and the letters).
+// below 1 fails. Writing in a radix above 36 uses characters beyond 'Z'.
 #pragma once
 
 #include <quenlib/quenlib_export.h>
@@ -294,31 +298,30 @@ struct Accumulator {
 // Classification of one unit.
 enum class UnitKind { kDigit, kStop, kSkip, kBad };
 
-// The value of each 7-bit unit as a digit: '0'..'9' are 0..9, the letters
-// of either case 10..35, everything else 0xFF (never a digit).
-inline constexpr auto kDigitValues = [] {
-  struct Table {
-    unsigned char v[128];
-  } t{};
-  for (int c = 0; c < 128; ++c) {
-    t.v[c] = 0xFF;
-    if (c >= '0' && c <= '9') t.v[c] = static_cast<unsigned char>(c - '0');
-    if (c >= 'a' && c <= 'z') t.v[c] = static_cast<unsigned char>(c - 'a' + 10);
-    if (c >= 'A' && c <= 'Z') t.v[c] = static_cast<unsigned char>(c - 'A' + 10);
-  }
-  return t;
-}();
+// The digit value of unit c in radix, read the way the library always
+// has: first c - '0', which is a digit whenever it is below the radix (so
+// in radixes above 10 the punctuation ':'..'@' counts 10..16, and above 17
+// the upper-case letters count from 17); failing that, in radixes above 10,
+// the letter value (c - 'a' + 10 from 'a' on, else c - 'A' + 10), which is
+// a digit when it is neither negative nor at or above the radix. The
+// lower-case letters always have their usual values. 0xFF: no digit.
+template <class UU>
+QL_STRINGCONV_INLINE constexpr unsigned DigitValue(UU c, unsigned radix) noexcept {
+  unsigned d = static_cast<unsigned>(c) - '0';  // wraps high below '0'
+  if (d < radix) return d;
+  if (radix <= 10) return 0xFFu;
+  unsigned v = static_cast<unsigned>(c) >= 'a' ? static_cast<unsigned>(c) - 'a' + 10
+                                               : static_cast<unsigned>(c) - 'A' + 10;  // wraps
+  return v < radix ? v : 0xFFu;
+}
 
 // The reading of unit u: a digit below the radix; else "." (and, in the
 // string form, " ") stops, and "x"/"X" is skipped in radix 16 by the
-// string form. Only '0'..'9' and the letters are digits: the punctuation
-// between '9' and 'A' or 'Z' and 'a' never is, so that every radix up to
-// 36 reads back what StringConvFromInteger writes. Letters are never
-// digits below radix 11, since their values start at 10.
+// string form. Digit values are those of DigitValue.
 template <bool kStringForm, class Unit>
 QL_STRINGCONV_INLINE constexpr UnitKind Classify(Unit u, unsigned radix, unsigned& digit) noexcept {
   auto c = static_cast<std::make_unsigned_t<Unit>>(u);
-  unsigned v = c < 128 ? kDigitValues.v[c] : 0xFFu;
+  unsigned v = DigitValue(c, radix);
   if (v < radix) {
     digit = v;
     return UnitKind::kDigit;
@@ -350,7 +353,7 @@ QL_STRINGCONV_INLINE bool ScanUnits(Unit const* p, uint32_t i, uint32_t n, Accum
     if constexpr (kRadix == 10)
       d = static_cast<unsigned>(c) - '0';  // wraps high for units below '0'
     else
-      d = c < 128 ? kDigitValues.v[c] : 0xFFu;
+      d = DigitValue(c, radix);
     if (d < radix) [[likely]] {
       // The common case: no overflow is possible yet.
       if (acc.value < acc.fastBound) [[likely]] {
