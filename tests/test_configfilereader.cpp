@@ -236,3 +236,21 @@ TEST_F(ConfigFile, ConfigManagerServers) {
                                                 "SocksServerRegistry::Get Invalid value for command line",
                                                 "SocksServerRegistry::Get Invalid value for depend on ebus"}));
 }
+
+// The example shipped for operators must stay a valid landscape file.
+TEST(ConfigFileExample, ShippedLandscapeReads) {
+  ConfigFileReader r;
+  ASSERT_TRUE(r.initializeFromXML(QUENLIB_TEST_DATA_DIR "/../../docs/landscape.example.xml"));
+  SIArray<SAnsiString> sections;
+  ASSERT_TRUE(r.getSections(sections));
+  ASSERT_EQ(sections.GetSize(), 3);
+  EXPECT_STREQ(sections[0].getString(), "CentralServer");
+  EXPECT_STREQ(sections[1].getString(), "JobServer");
+  EXPECT_STREQ(sections[2].getString(), "WebConnector");
+  EXPECT_STREQ(r.getValue("CentralServer", "server", "").getString(), "app01.example.test");
+  EXPECT_STREQ(r.getValue("CentralServer", "Database", "").getString(), "DSN=central;UID=cms");
+  EXPECT_STREQ(r.getValue("JobServer", "Server", "").getString(), "app02.example.test");
+  EXPECT_STREQ(r.getValue("WebConnector", "uuid", "").getString(),
+               "c4a7e913-6d2b-4f80-8e15-7b3d0a9c5e66");
+  EXPECT_STREQ(r.getValue("WebConnector", "Description", "none").getString(), "none");
+}
