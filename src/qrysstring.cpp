@@ -143,10 +143,12 @@ bool SQueryString::parse_partial_pattern(SAnsiString const& inner, QueryPattern&
   while (i < chars.size()) {
     if (i + 2 < chars.size() && chars[i + 1] == SAnsiString("-")) {
       out.ranges.Add(chars[i] + chars[i + 2]);
+      out.rangeCodes.emplace_back(LowerOf(chars[i]), LowerOf(chars[i + 2]));
       i += 3;
       continue;
     }
     out.oneOf += chars[i];
+    out.memberCodes.push_back(LowerOf(chars[i]));
     ++i;
   }
   bool checkInRange = !out.ranges.IsEmpty();
@@ -196,12 +198,9 @@ void SQueryString::compile() {
       a.chars = LowerCodePoints(op.text.getString(), op.text.getLength());
     if (op.kind == QueryPatternOps::Bracket) {
       a.negate = op.pattern.negate;
-      a.chars = LowerCodePoints(op.pattern.oneOf.getString(), op.pattern.oneOf.getLength());
+      a.chars = op.pattern.memberCodes;
       std::sort(a.chars.begin(), a.chars.end());
-      for (SAnsiString const& r : op.pattern.ranges) {
-        std::vector<SAnsiString> ends = SplitChars(r);
-        a.ranges.emplace_back(LowerOf(ends[0]), LowerOf(ends[1]));
-      }
+      a.ranges = op.pattern.rangeCodes;
     }
     m_atoms.push_back(std::move(a));
   }

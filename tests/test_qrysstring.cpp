@@ -94,6 +94,14 @@ TEST(QueryString, MultibyteCharactersAndCase) {
   EXPECT_TRUE(SQueryString("[\xC3\xA9\xC3\xA8]t\xC3\xA9").like("\xC3\x88t\xC3\xA9"));
   EXPECT_FALSE(SQueryString("__").like("\xC3\xA9"));
   EXPECT_TRUE(SQueryString("%\xE2\x82\xAC").like("price 5\xE2\x82\xAC"));
+  // Two invalid bytes as range ends that together would read as one valid
+  // character: each end stays a character of its own.
+  SQueryString invalidEnds("[\xDB-\xAC]");
+  EXPECT_TRUE(invalidEnds.parse());
+  EXPECT_FALSE(invalidEnds.like("a"));
+  SQueryString invalidMembers("[\xC3" "a-b\xA9]");
+  EXPECT_TRUE(invalidMembers.like("\xA9"));
+  EXPECT_FALSE(invalidMembers.like("\xC3\xA9"));
   std::setlocale(LC_ALL, saved.c_str());
 }
 

@@ -34,6 +34,7 @@
 #include <quenlib/sstring.h>
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace QuenLibA500 {
@@ -45,6 +46,11 @@ class QUENLIB_API SQueryString {
     bool negate = false;
     SIArray<SAnsiString> ranges;  // each entry: the two end characters
     SAnsiString oneOf;            // the single members
+    // The lowered code points of each range's ends, in the order of
+    // `ranges` (kept apart: two end characters written together may read
+    // as a different character sequence in a multibyte code page).
+    std::vector<std::pair<uint32_t, uint32_t>> rangeCodes;
+    std::vector<uint32_t> memberCodes;  // the same for the single members
   };
 
   // One step of a parsed pattern.
