@@ -1,8 +1,10 @@
 // Fuzzes the explicit code-set conversions in a UTF-8 locale. The first
-// byte picks the code set, the rest is the text. Checks: decoding agrees
-// with ICU's own decoder (strict UTF-8 gives "?" exactly when ICU rejects
-// the bytes); encoding the decoded text and decoding it again gives the
-// same text, with U+FFFD turned into "?"; Latin1 and 1252 agree.
+// byte picks the code set, the rest is the text. Checks: the string forms
+// (ExplicitCodesetToT, TToExplicitCodeset) equal the counted forms;
+// decoding agrees with ICU's own decoder (strict UTF-8 gives "?" exactly
+// when ICU rejects the bytes); encoding the decoded text and decoding it
+// again gives the same text, with U+FFFD turned into "?"; Latin1 and 1252
+// agree.
 #include <quenlib/codesetconverter.h>
 #include <quenlib/paramlineargs.h>
 #include <quenlib/slogger.h>
@@ -85,6 +87,13 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
                           strnlen(reinterpret_cast<char const*>(data + 1), size - 1));
   std::string const text = MB::ExplicitCodesetToLocale(bytes.data(), bytes.size(), cs);
   std::string const back = encode(bytes, cs);
+  // The string forms are the counted forms on zero-terminated text.
+  SAnsiString const viaString = MB::ExplicitCodesetToT(bytes.c_str(), cs);
+  check(std::string(viaString.getString(), viaString.getLength()) == text);
+  SSimpleBuffer const backViaString =
+      MB::TToExplicitCodeset(SAnsiString(bytes.data(), static_cast<unsigned>(bytes.size())), cs);
+  check(std::string(reinterpret_cast<char const*>(static_cast<unsigned char const*>(backViaString)),
+                    backViaString.getNBytes()) == back);
   switch (cs) {
     case MB::ECS_Native:
       check(text == bytes && back == bytes);
