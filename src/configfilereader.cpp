@@ -2,11 +2,9 @@
 // loaded once and looked up by section and key.
 #include <quenlib/codesetconverter.h>
 #include <quenlib/configfilereader.h>
+#include <quenlib/sfile.h>
 #include <quenlib/slogger.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <xercesc/dom/DOM.hpp>
 #include <xercesc/parsers/XercesDOMParser.hpp>
 #include <xercesc/sax/HandlerBase.hpp>
@@ -14,7 +12,6 @@
 #include <xercesc/util/TransService.hpp>
 #include <xercesc/util/XMLString.hpp>
 
-#include <cerrno>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -34,77 +31,26 @@ std::string_view trim(std::string_view s) {
 
 SAnsiString ansi(std::string_view s) { return SAnsiString(s.data(), static_cast<unsigned>(s.size())); }
 
-// Reads the whole file. False with a reason text when it cannot be opened
-// or read (the library's file class reports the same way).
-bool readFile(char const* path, std::string& out, std::string& reason) {
-  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    reason = std::string(path) + ": " + std::strerror(errno);
-    return false;
-  }
-  struct stat st;
-  if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
-    ::close(fd);
-    reason = std::string(path) + ": " + std::strerror(EISDIR);
-    return false;
-  }
-  char buf[65536];
-  for (;;) {
-    ssize_t n = ::read(fd, buf, sizeof buf);
-    if (n == 0) break;
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      reason = std::string(path) + ": " + std::strerror(errno);
-      ::close(fd);
-      return false;
-    }
-    out.append(buf, static_cast<size_t>(n));
-  }
-  ::close(fd);
-  return true;
-}
-
-SAnsiString fromUtf16(std::string_view bytes, bool littleEndian) {
-  std::vector<WChar> units;
-  units.reserve(bytes.size() / 2 + 1);
-  for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
-    auto lo = static_cast<unsigned char>(bytes[littleEndian ? i : i + 1]);
-    auto hi = static_cast<unsigned char>(bytes[littleEndian ? i + 1 : i]);
-    units.push_back(static_cast<WChar>(lo | (hi << 8)));
-  }
-  units.push_back(0);
-  size_t need = CodesetConverter::ucs2tombs(nullptr, units.data(), 0xffffffffu);
-  std::string out(need + 1, '\0');
-  size_t got = CodesetConverter::ucs2tombs(out.data(), units.data(), static_cast<unsigned>(out.size()));
-  return ansi(std::string_view(out.data(), got));
-}
-
 SAnsiString fromUtf8(std::string_view bytes) {
   std::string text(bytes);  // the converter stops at a zero byte
   return MBCSCodesetConverter::ExplicitCodesetToT(text.c_str(), MBCSCodesetConverter::ECS_UTF8);
 }
 
-bool startsWith(std::string_view s, char const* mark, size_t n) { return s.size() >= n && s.compare(0, n, mark, n) == 0; }
-
-// The file's bytes as locale text in the requested encoding.
-SAnsiString decode(std::string_view bytes, ConfigFileReader::FileEncoding encoding) {
-  using R = ConfigFileReader;
-  bool utf8Mark = startsWith(bytes, "\xef\xbb\xbf", 3);
-  bool leMark = startsWith(bytes, "\xff\xfe", 2);
-  bool beMark = startsWith(bytes, "\xfe\xff", 2);
-  if (encoding == R::FE_Detect)
-    encoding = utf8Mark ? R::FE_UTF8 : leMark ? R::FE_UTF16LE : beMark ? R::FE_UTF16BE : R::FE_Ansi;
+// The reader's encodings carry the same values as the file class's.
+FileEncoding fileEncoding(ConfigFileReader::FileEncoding encoding) {
   switch (encoding) {
-    case R::FE_UTF8: return fromUtf8(utf8Mark ? bytes.substr(3) : bytes);
-    case R::FE_UTF16LE: return fromUtf16(leMark ? bytes.substr(2) : bytes, true);
-    case R::FE_UTF16BE: return fromUtf16(beMark ? bytes.substr(2) : bytes, false);
-    default: return ansi(bytes.substr(0, bytes.find('\0')));
+    case ConfigFileReader::FE_Ansi: return FE_Ansi;
+    case ConfigFileReader::FE_UTF8: return FE_UTF8;
+    case ConfigFileReader::FE_UTF16LE: return FE_UTF16LE;
+    case ConfigFileReader::FE_UTF16BE: return FE_UTF16BE;
+    default: return FE_Detect;
   }
 }
 
-void traceOpenFailure(std::string const& reason) {
+void traceOpenFailure(SFileException const& e) {
   if (!SLogger::ShouldTrace(SLogger::tl_Warning, __FILE__, __LINE__)) return;
-  std::string text = "ConfigFileReader::initialize() failed to open config file. Reason is: " + reason + ".";
+  std::string text = "ConfigFileReader::initialize() failed to open config file. Reason is: ";
+  text.append(e.getReason().getString()).append(".");
   SLogger::Trace(SLogger::tl_Warning, text.c_str(), __FILE__, __LINE__);
 }
 
@@ -253,12 +199,15 @@ bool ConfigFileReader::initialize(SAnsiString const& path) { return initialize(p
 
 bool ConfigFileReader::initialize(SAnsiString const& path, FileEncoding encoding) {
   if (m_initialized) return true;
-  std::string bytes, reason;
-  if (!readFile(path.getString(), bytes, reason)) {
-    traceOpenFailure(reason);
+  SAnsiString text;
+  try {
+    SFile file(path, SFile::modeRead);
+    text = file.readString(fileEncoding(encoding));
+  } catch (SFileException const& e) {
+    // A failure to read after opening (EIO) is reported the same way.
+    traceOpenFailure(e);
     return false;
   }
-  SAnsiString text = decode(bytes, encoding);
   if (text.isEmpty()) return false;
   buildConfigData(text);
   m_initialized = true;
@@ -267,8 +216,10 @@ bool ConfigFileReader::initialize(SAnsiString const& path, FileEncoding encoding
 
 bool ConfigFileReader::initializeFromXML(SAnsiString const& path) {
   if (m_initialized) return true;
-  if (::access(path.getString(), R_OK) != 0) {
-    traceOpenFailure(std::string(path.getString()) + ": " + std::strerror(errno));
+  try {
+    SFile probe(path, SFile::modeRead);  // the XML parser reports no reason of its own
+  } catch (SFileException const& e) {
+    traceOpenFailure(e);
     return false;
   }
   std::vector<XmlSection> sections;

@@ -127,6 +127,36 @@ TEST_F(ConfigFile, LoadsOnceAndRefusesEmptyOrMissingFiles) {
   EXPECT_EQ(str(copy.getValue("A", "k", "")), "1");
 }
 
+TEST_F(ConfigFile, OpenFailureTracesTheFileReason) {
+  std::vector<std::string> traced;
+  SetTraceObserver(
+      [](void* ctx, int, char const*, int, char const* text) {
+        static_cast<std::vector<std::string>*>(ctx)->push_back(text);
+      },
+      &traced);
+  struct {
+    std::string path;
+    bool xml;
+    char const* reason;
+  } rows[] = {
+      {dir, false, "Is a directory"},
+      {dir + "/no/such.cfg", false, "No such file or directory"},
+      {dir + "/none.xml", true, "No such file or directory"},
+      {dir, true, "Is a directory"},
+  };
+  for (auto const& row : rows) {
+    traced.clear();
+    ConfigFileReader r;
+    EXPECT_FALSE(row.xml ? r.initializeFromXML(row.path.c_str()) : r.initialize(row.path.c_str()));
+    EXPECT_FALSE(r.isInitialized());
+    ASSERT_EQ(traced.size(), 1u) << row.path;
+    std::string want = "ConfigFileReader::initialize() failed to open config file. Reason is: " + row.path +
+                       ": " + row.reason + ".";
+    EXPECT_NE(traced[0].find(want), std::string::npos) << traced[0];
+  }
+  SetTraceObserver(nullptr, nullptr);
+}
+
 TEST_F(ConfigFile, Encodings) {
   std::string utf16le = "\xff\xfe", utf16be = "\xfe\xff";
   for (char c : std::string("[S]\r\nk=v16\r\n")) {

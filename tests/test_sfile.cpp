@@ -1,0 +1,420 @@
+// Files: opening modes, byte and text I/O in every encoding, failures with
+// their reasons, and the file-system operations with temporary and unique
+// names.
+#include <quenlib/sfile.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <clocale>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace QuenLibA500;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
+
+std::string slurp(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void spit(std::string const& path, std::string const& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+
+class Files : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // Text conversions need a UTF-8 locale; C.UTF-8 is always present.
+    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
+    char tmpl[] = "/tmp/sfiletestXXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir = tmpl;
+  }
+  void TearDown() override {
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+    std::setlocale(LC_ALL, "C");
+  }
+  std::string at(char const* name) const { return dir + "/" + name; }
+  std::string dir;
+};
+
+// Runs fn and returns the SFileException it throws (failing when none).
+template <class Fn>
+SFileException thrown(Fn fn) {
+  try {
+    fn();
+  } catch (SFileException const& e) {
+    return e;
+  }
+  ADD_FAILURE() << "no SFileException";
+  return SFileException(SFileException::generic, "", "none");
+}
+
+}  // namespace
+
+TEST_F(Files, OpenModes) {
+  std::string p = at("modes.txt");
+  spit(p, "0123456789");
+  struct {
+    SFile::OpenMode mode;
+    char const* write;
+    char const* after;
+  } rows[] = {
+      {SFile::modeWrite, "ab", "ab23456789"},      // kept, written at the start
+      {SFile::modeReadWrite, "cd", "cd23456789"},
+      {SFile::modeCreate, "ef", "ef"},             // emptied
+      {SFile::modeCreateRW, "gh", "gh"},
+      {SFile::modeAppend, "ij", "ghij"},           // at the end
+  };
+  for (auto const& row : rows) {
+    if (row.mode == SFile::modeCreateRW) spit(p, "long old content");
+    if (row.mode == SFile::modeAppend) spit(p, "gh");
+    if (row.mode == SFile::modeReadWrite) spit(p, "0123456789");
+    SFile f(p.c_str(), row.mode);
+    EXPECT_TRUE(f.isOpen());
+    f.write(row.write, 2);
+    f.close();
+    EXPECT_FALSE(f.isOpen());
+    EXPECT_EQ(slurp(p), row.after) << row.mode;
+  }
+
+  // Append goes to the end even after a seek back.
+  SFile app(p.c_str(), SFile::modeAppend);
+  app.seek(0);
+  app.write("!", 1);
+  app.close();
+  EXPECT_EQ(slurp(p), "ghij!");
+
+  // A new file is created by the creating modes, not by the others.
+  std::string fresh = at("fresh.txt");
+  EXPECT_EQ(thrown([&] { SFile f(fresh.c_str(), SFile::modeWrite); }).ErrCode(), SFileException::fileNotFound);
+  { SFile f(fresh.c_str(), SFile::modeCreateNew); }
+  EXPECT_TRUE(SFileSys::exists(fresh.c_str()));
+  EXPECT_EQ(thrown([&] { SFile f(fresh.c_str(), SFile::modeCreateNew); }).ErrCode(), SFileException::fileExists);
+}
+
+TEST_F(Files, ReadSeekSizeAndTruncate) {
+  std::string p = at("data.bin");
+  SFile f(p.c_str(), SFile::modeCreateRW);
+  std::string bytes("a\0b\xff" "cdef", 8);
+  f.write(bytes.data(), bytes.size());
+  EXPECT_EQ(f.size(), 8u);
+  EXPECT_EQ(f.getPosition(), 8u);
+  EXPECT_EQ(f.seek(0), 0u);
+  char buf[16] = {};
+  EXPECT_EQ(f.read(buf, sizeof buf), 8u);  // fewer only at the end
+  EXPECT_EQ(std::string(buf, 8), bytes);
+  EXPECT_EQ(f.read(buf, sizeof buf), 0u);
+  EXPECT_EQ(f.seek(-3, SFile::fromEnd), 5u);
+  EXPECT_EQ(f.seek(1, SFile::fromCurrent), 6u);
+  EXPECT_EQ(f.read(buf, 2), 2u);
+  EXPECT_EQ(std::string(buf, 2), "ef");
+  f.setSize(3);
+  EXPECT_EQ(f.size(), 3u);
+  f.setSize(5);  // zero-extended
+  f.flush();
+  f.close();
+  EXPECT_EQ(slurp(p), std::string("a\0b\0\0", 5));
+
+  // Moving hands the descriptor over; the moved-from file is closed.
+  SFile a(p.c_str(), SFile::modeRead);
+  int fd = a.getHandle();
+  SFile b(std::move(a));
+  EXPECT_FALSE(a.isOpen());
+  EXPECT_EQ(b.getHandle(), fd);
+  SFile c;
+  c = std::move(b);
+  EXPECT_EQ(c.getHandle(), fd);
+  EXPECT_EQ(str(c.getPath()), p);
+  EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);  // never inherited by children
+}
+
+TEST_F(Files, FailuresCarryCodeErrnoAndReason) {
+  std::string missing = at("missing.txt");
+  std::string noParent = at("no/such/dir/file.txt");
+  std::string file = at("plain.txt");
+  spit(file, "x");
+  std::string underFile = file + "/child";
+  struct {
+    std::string path;
+    SFile::OpenMode mode;
+    SFileException::ErrorCodes code;
+    int osError;
+    char const* text;
+  } rows[] = {
+      {missing, SFile::modeRead, SFileException::fileNotFound, ENOENT, "No such file or directory"},
+      {noParent, SFile::modeCreate, SFileException::fileNotFound, ENOENT, "No such file or directory"},
+      {dir, SFile::modeRead, SFileException::isDirectory, EISDIR, "Is a directory"},
+      {dir, SFile::modeCreate, SFileException::isDirectory, EISDIR, "Is a directory"},
+      {underFile, SFile::modeRead, SFileException::notDirectory, ENOTDIR, "Not a directory"},
+      {"", SFile::modeRead, SFileException::fileNotFound, ENOENT, "No such file or directory"},
+      {dir + "/" + std::string(300, 'n'), SFile::modeCreate, SFileException::badPath, ENAMETOOLONG,
+       "File name too long"},
+  };
+  for (auto const& row : rows) {
+    SFileException e = thrown([&] { SFile f(row.path.c_str(), row.mode); });
+    EXPECT_EQ(e.ErrCode(), row.code) << row.path;
+    EXPECT_EQ(e.getOsError(), row.osError) << row.path;
+    std::string reason = row.path + ": " + row.text;
+    EXPECT_EQ(str(e.getReason()), reason);
+    EXPECT_EQ(str(e.toString()), reason);
+    EXPECT_EQ(std::string(e.what()), reason);
+    EXPECT_EQ(str(e.getPath()), row.path);
+  }
+
+  // Permission is only checked for an ordinary user (root passes it).
+  if (geteuid() != 0) {
+    std::string locked = at("locked.txt");
+    spit(locked, "secret");
+    ASSERT_EQ(chmod(locked.c_str(), 0), 0);
+    EXPECT_EQ(thrown([&] { SFile f(locked.c_str(), SFile::modeRead); }).ErrCode(), SFileException::accessDenied);
+  }
+
+  // A closed file refuses every operation; writing to a read-only one fails.
+  SFile closed;
+  char c;
+  EXPECT_EQ(thrown([&] { closed.read(&c, 1); }).ErrCode(), SFileException::notOpen);
+  EXPECT_EQ(thrown([&] { closed.size(); }).ErrCode(), SFileException::notOpen);
+  EXPECT_EQ(thrown([&] { closed.readString(); }).getOsError(), 0);
+  closed.close();  // harmless
+  SFile ro(file.c_str(), SFile::modeRead);
+  SFileException e = thrown([&] { ro.write("y", 1); });
+  EXPECT_EQ(e.getOsError(), EBADF);
+  EXPECT_EQ(thrown([&] { ro.seek(-5); }).ErrCode(), SFileException::invalidArgument);
+
+  // A failed open leaves the file closed, also when one was open before.
+  SFile f(file.c_str(), SFile::modeRead);
+  thrown([&] { f.open(missing.c_str(), SFile::modeRead); });
+  EXPECT_FALSE(f.isOpen());
+
+  // Classification of a few more errno values.
+  EXPECT_EQ(SFileException::codeFromErrno(ENOSPC), SFileException::diskFull);
+  EXPECT_EQ(SFileException::codeFromErrno(EROFS), SFileException::accessDenied);
+  EXPECT_EQ(SFileException::codeFromErrno(EMFILE), SFileException::tooManyOpenFiles);
+  EXPECT_EQ(SFileException::codeFromErrno(EIO), SFileException::hardIO);
+  EXPECT_EQ(SFileException::codeFromErrno(EPIPE), SFileException::generic);
+}
+
+TEST_F(Files, TextRoundTripsInEveryEncoding) {
+  // Plain ASCII, Latin, CJK and a character beyond U+FFFF (a surrogate pair).
+  std::string const text = "line one\r\nCaf\xc3\xa9 \xe6\x97\xa5\xe6\x9c\xac \xf0\x9f\x98\x80 end\n";
+  struct {
+    FileEncoding write;
+    FileEncoding read;
+    char const* mark;  // what the file starts with
+    size_t size;
+  } rows[] = {
+      {FE_Ansi, FE_Ansi, "line", text.size()},
+      {FE_Ansi, FE_Detect, "line", text.size()},
+      {FE_Detect, FE_Detect, "line", text.size()},  // writes locale text
+      {FE_UTF8, FE_UTF8, "line", text.size()},      // no mark
+      {FE_UTF8, FE_Detect, "line", text.size()},
+      {FE_UTF16LE, FE_UTF16LE, "\xff\xfel", 2 + 2 * 25},
+      {FE_UTF16LE, FE_Detect, "\xff\xfel", 2 + 2 * 25},
+      {FE_UTF16BE, FE_UTF16BE, "\xfe\xff\0l", 2 + 2 * 25},
+      {FE_UTF16BE, FE_Detect, "\xfe\xff\0l", 2 + 2 * 25},
+  };
+  for (auto const& row : rows) {
+    std::string p = at("text.txt");
+    {
+      SFile out(p.c_str(), SFile::modeCreate);
+      out.writeString(SAnsiString(text.data(), static_cast<unsigned>(text.size())), row.write);
+    }
+    std::string bytes = slurp(p);
+    EXPECT_EQ(bytes.size(), row.size) << row.write;
+    EXPECT_EQ(bytes.compare(0, 4, row.mark, 4), 0) << row.write;
+    SFile in(p.c_str(), SFile::modeRead);
+    EXPECT_EQ(str(in.readString(row.read)), text) << row.write << " read as " << row.read;
+  }
+}
+
+TEST_F(Files, ByteOrderMarksAndOddInput) {
+  std::string le = "\xff\xfe", be = "\xfe\xff";
+  for (char c : std::string("k=v")) {
+    le += std::string{c, '\0'};
+    be += std::string{'\0', c};
+  }
+  struct {
+    std::string bytes;
+    FileEncoding read;
+    std::string want;
+  } rows[] = {
+      {"\xef\xbb\xbfk=v", FE_Detect, "k=v"},
+      {"\xef\xbb\xbfk=v", FE_UTF8, "k=v"},
+      {"\xef\xbb\xbfk=v", FE_Ansi, "\xef\xbb\xbfk=v"},  // locale bytes as they are
+      {le, FE_Detect, "k=v"},
+      {be, FE_Detect, "k=v"},
+      {le.substr(2), FE_UTF16LE, "k=v"},                 // no mark needed when told
+      {be.substr(2), FE_UTF16BE, "k=v"},
+      {le + "x", FE_UTF16LE, "k=v"},                     // last odd byte dropped
+      {std::string("\x3d\xd8", 2), FE_UTF16LE, "?"},     // unpaired surrogate
+      {"ab\xc3", FE_UTF8, "?"},                          // ill-formed UTF-8
+      {std::string("ab\0cd", 5), FE_Ansi, "ab"},         // text ends at a zero
+      {"", FE_Detect, ""},
+      {"\xff\xfe", FE_Detect, ""},                       // a mark alone
+  };
+  for (auto const& row : rows) {
+    std::string p = at("bom.txt");
+    spit(p, row.bytes);
+    SFile in(p.c_str(), SFile::modeRead);
+    EXPECT_EQ(str(in.readString(row.read)), row.want) << row.read << " " << row.bytes.size();
+  }
+
+  // readString reads from the current position; appending UTF-16 to a
+  // non-empty file adds no second mark.
+  std::string p = at("pos.txt");
+  {
+    SFile out(p.c_str(), SFile::modeAppend);
+    out.writeString("ab", FE_UTF16LE);
+    out.writeString("cd", FE_UTF16LE);
+  }
+  EXPECT_EQ(slurp(p), std::string("\xff\xfe" "a\0b\0c\0d\0", 10));
+  SFile in(p.c_str(), SFile::modeRead);
+  in.seek(6);
+  EXPECT_EQ(str(in.readString(FE_UTF16LE)), "cd");
+}
+
+TEST_F(Files, LargeTextReadsWhole) {
+  std::string big;
+  for (int i = 0; i < 20000; ++i) big += "line " + std::to_string(i) + "\n";
+  std::string p = at("big.txt");
+  spit(p, big);
+  SFile in(p.c_str(), SFile::modeRead);
+  EXPECT_EQ(str(in.readString(FE_UTF8)), big);
+}
+
+TEST_F(Files, FileSystemOperations) {
+  std::string file = at("f.txt"), other = at("g.txt");
+  spit(file, "content");
+  EXPECT_TRUE(SFileSys::exists(file.c_str()));
+  EXPECT_FALSE(SFileSys::isDirectory(file.c_str()));
+  EXPECT_TRUE(SFileSys::isDirectory(dir.c_str()));
+  EXPECT_FALSE(SFileSys::exists(at("none").c_str()));
+
+  // A dangling link exists (so remove and exists agree) but is no directory.
+  std::string link = at("link");
+  ASSERT_EQ(symlink("nowhere", link.c_str()), 0);
+  EXPECT_TRUE(SFileSys::exists(link.c_str()));
+  EXPECT_TRUE(SFileSys::remove(link.c_str()));
+  EXPECT_FALSE(SFileSys::exists(link.c_str()));
+
+  EXPECT_TRUE(SFileSys::rename(file.c_str(), other.c_str()));
+  EXPECT_FALSE(SFileSys::exists(file.c_str()));
+  EXPECT_EQ(slurp(other), "content");
+  errno = 0;
+  EXPECT_FALSE(SFileSys::rename(file.c_str(), other.c_str()));
+  EXPECT_EQ(errno, ENOENT);
+
+  std::string deep = at("a/b/c");
+  EXPECT_TRUE(SFileSys::createDirectory(deep.c_str()));
+  EXPECT_TRUE(SFileSys::isDirectory(deep.c_str()));
+  EXPECT_TRUE(SFileSys::createDirectory(deep.c_str()));  // already there
+  EXPECT_FALSE(SFileSys::createDirectory((other + "/sub").c_str()));  // under a file
+  EXPECT_FALSE(SFileSys::createDirectory(other.c_str()));            // a file by that name
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_FALSE(SFileSys::createDirectory(""));
+
+  EXPECT_FALSE(SFileSys::remove(at("a").c_str()));  // not empty
+  EXPECT_TRUE(SFileSys::remove(deep.c_str()));      // an empty directory
+  EXPECT_TRUE(SFileSys::remove(other.c_str()));
+  EXPECT_FALSE(SFileSys::remove(other.c_str()));
+
+  SAnsiString before = SFileSys::getCurrentDirectory();
+  EXPECT_TRUE(SFileSys::setCurrentDirectory(at("a/b").c_str()));
+  EXPECT_EQ(str(SFileSys::getCurrentDirectory()), fs::canonical(at("a/b")).string());
+  EXPECT_FALSE(SFileSys::setCurrentDirectory(at("none").c_str()));
+  EXPECT_TRUE(SFileSys::setCurrentDirectory(before));
+  EXPECT_EQ(str(SFileSys::getCurrentDirectory()), str(before));
+
+  struct {
+    char const* in;
+    char const* out;
+  } unify[] = {{"C:\\dir\\file.txt", "C:/dir/file.txt"}, {"a/b\\c", "a/b/c"}, {"", ""}, {"\\\\", "//"}};
+  for (auto const& row : unify) EXPECT_EQ(str(SFileSys::unifyPath(row.in)), row.out);
+}
+
+TEST_F(Files, TemporaryAndUniqueNames) {
+  char const* saved = std::getenv("TMPDIR");
+  std::string savedValue = saved ? saved : "";
+  struct {
+    char const* env;
+    std::string want;
+  } rows[] = {{nullptr, "/tmp"}, {"", "/tmp"}, {"/var/tmp/", "/var/tmp"}, {"/", "/"}};
+  for (auto const& row : rows) {
+    if (row.env) {
+      setenv("TMPDIR", row.env, 1);
+    } else {
+      unsetenv("TMPDIR");
+    }
+    EXPECT_EQ(str(SFileSys::getTempDirname()), row.want) << (row.env ? row.env : "(unset)");
+  }
+
+  setenv("TMPDIR", (dir + "/").c_str(), 1);
+  SAnsiString temp = SFileSys::getTempFilename("nprstdout");
+  EXPECT_EQ(str(temp).rfind(dir + "/nprstdout", 0), 0u) << str(temp);
+  EXPECT_EQ(temp.getLength(), dir.size() + 1 + 9 + 6);
+  EXPECT_TRUE(SFileSys::exists(temp));
+  EXPECT_EQ(fs::file_size(str(temp)), 0u);
+  setenv("TMPDIR", (dir + "/none").c_str(), 1);
+  EXPECT_EQ(thrown([] { SFileSys::getTempFilename("x"); }).ErrCode(), SFileException::fileNotFound);
+  if (saved) {
+    setenv("TMPDIR", savedValue.c_str(), 1);
+  } else {
+    unsetenv("TMPDIR");
+  }
+
+  struct {
+    char const* ext;
+    char const* suffix;
+  } exts[] = {{"smtp", ".smtp"}, {".smtp", ".smtp"}, {"", ""}};
+  for (auto const& row : exts) {
+    std::string name = str(SFileSys::getUniqueFilename(dir.c_str(), "tmp", row.ext));
+    EXPECT_EQ(name.rfind(dir + "/tmp", 0), 0u) << name;
+    EXPECT_EQ(name.size(), dir.size() + 1 + 3 + 16 + std::string(row.suffix).size()) << name;
+    EXPECT_EQ(name.substr(name.size() - std::string(row.suffix).size()), row.suffix);
+    EXPECT_TRUE(SFileSys::exists(name.c_str()));  // reserved by creation
+  }
+  EXPECT_EQ(thrown([&] { SFileSys::getUniqueFilename((dir + "/none").c_str(), "tmp", "x"); }).ErrCode(),
+            SFileException::fileNotFound);
+}
+
+TEST_F(Files, UniqueNamesNeverCollide) {
+  // Four threads and one child process name files in the same directory.
+  constexpr int kPerThread = 500;
+  std::vector<std::vector<std::string>> names(4);
+  std::vector<std::thread> threads;
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    for (int i = 0; i < kPerThread; ++i) SFileSys::getUniqueFilename(dir.c_str(), "u", "tmp");
+    _exit(0);
+  }
+  for (auto& list : names)
+    threads.emplace_back([&list, this] {
+      for (int i = 0; i < kPerThread; ++i) list.push_back(str(SFileSys::getUniqueFilename(dir.c_str(), "u", "tmp")));
+    });
+  for (auto& t : threads) t.join();
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  std::set<std::string> all;
+  for (auto const& list : names) all.insert(list.begin(), list.end());
+  EXPECT_EQ(all.size(), 4u * kPerThread);
+  EXPECT_EQ(static_cast<size_t>(std::distance(fs::directory_iterator(dir), fs::directory_iterator())),
+            5u * kPerThread);
+}
