@@ -1,13 +1,12 @@
 // Files: opening modes, byte and text I/O in every encoding, failures with
 // their reasons, and the file-system operations with temporary and unique
-// names.
+// names (concurrent naming: test_sfile_concurrent.cpp).
 #include <quenlib/sfile.h>
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,10 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <set>
 #include <string>
-#include <thread>
-#include <vector>
 
 using namespace QuenLibA500;
 namespace fs = std::filesystem;
@@ -391,30 +387,4 @@ TEST_F(Files, TemporaryAndUniqueNames) {
   }
   EXPECT_EQ(thrown([&] { SFileSys::getUniqueFilename((dir + "/none").c_str(), "tmp", "x"); }).ErrCode(),
             SFileException::fileNotFound);
-}
-
-TEST_F(Files, UniqueNamesNeverCollide) {
-  // Four threads and one child process name files in the same directory.
-  constexpr int kPerThread = 500;
-  std::vector<std::vector<std::string>> names(4);
-  std::vector<std::thread> threads;
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    for (int i = 0; i < kPerThread; ++i) SFileSys::getUniqueFilename(dir.c_str(), "u", "tmp");
-    _exit(0);
-  }
-  for (auto& list : names)
-    threads.emplace_back([&list, this] {
-      for (int i = 0; i < kPerThread; ++i) list.push_back(str(SFileSys::getUniqueFilename(dir.c_str(), "u", "tmp")));
-    });
-  for (auto& t : threads) t.join();
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  std::set<std::string> all;
-  for (auto const& list : names) all.insert(list.begin(), list.end());
-  EXPECT_EQ(all.size(), 4u * kPerThread);
-  EXPECT_EQ(static_cast<size_t>(std::distance(fs::directory_iterator(dir), fs::directory_iterator())),
-            5u * kPerThread);
 }
