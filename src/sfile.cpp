@@ -94,18 +94,25 @@ std::string toUtf16Bytes(std::string_view text, bool littleEndian, bool withMark
   return out;
 }
 
-// The bytes of locale text in encoding; withMark asks for UTF-16's mark.
-std::string encodeText(SAnsiString const& text, FileEncoding encoding, bool withMark) {
+// UTF-8 goes without a mark, except before a text that itself begins with
+// U+FEFF: reading skips one mark, so the text then reads back unchanged.
+std::string toUtf8Bytes(std::string_view text, bool atStart) {
+  SSimpleBuffer b = MBCSCodesetConverter::LocaleToExplicitCodeset(text.data(), text.size(),
+                                                                  MBCSCodesetConverter::ECS_UTF8);
+  std::string out(reinterpret_cast<char const*>(static_cast<unsigned char const*>(b)), b.getNBytes());
+  if (atStart && startsWith(out, kMarkUtf8)) out.insert(0, kMarkUtf8);
+  return out;
+}
+
+// The bytes of locale text in encoding; atStart: written at the start of
+// the file, where UTF-16 gets its mark.
+std::string encodeText(SAnsiString const& text, FileEncoding encoding, bool atStart) {
   std::string_view t = view(text);
   t = t.substr(0, localeconv::boundedLength(t.data(), t.size()));
   switch (encoding) {
-    case FE_UTF8: {
-      SSimpleBuffer b = MBCSCodesetConverter::LocaleToExplicitCodeset(t.data(), t.size(),
-                                                                      MBCSCodesetConverter::ECS_UTF8);
-      return std::string(reinterpret_cast<char const*>(static_cast<unsigned char const*>(b)), b.getNBytes());
-    }
-    case FE_UTF16LE: return toUtf16Bytes(t, true, withMark);
-    case FE_UTF16BE: return toUtf16Bytes(t, false, withMark);
+    case FE_UTF8: return toUtf8Bytes(t, atStart);
+    case FE_UTF16LE: return toUtf16Bytes(t, true, atStart);
+    case FE_UTF16BE: return toUtf16Bytes(t, false, atStart);
     default: return std::string(t);
   }
 }

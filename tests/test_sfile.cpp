@@ -283,6 +283,18 @@ TEST_F(Files, ByteOrderMarksAndOddInput) {
   SFile in(p.c_str(), SFile::modeRead);
   in.seek(6);
   EXPECT_EQ(str(in.readString(FE_UTF16LE)), "cd");
+
+  // A text that begins with U+FEFF keeps it: reading skips only one mark.
+  for (FileEncoding e : {FE_UTF8, FE_UTF16LE, FE_UTF16BE}) {
+    {
+      SFile out(p.c_str(), SFile::modeCreate);
+      out.writeString("\xef\xbb\xbfx", e);
+    }
+    for (FileEncoding r : {e, FE_Detect}) {
+      SFile back(p.c_str(), SFile::modeRead);
+      EXPECT_EQ(str(back.readString(r)), "\xef\xbb\xbfx") << e << " read as " << r;
+    }
+  }
 }
 
 TEST_F(Files, LargeTextReadsWhole) {

@@ -51,7 +51,7 @@ namespace QuenLibA500 {
 enum FileEncoding {
   FE_Detect = 0,
   FE_Ansi = 1,     // the process locale's multibyte text, bytes as they are
-  FE_UTF8 = 2,     // written without a byte-order mark
+  FE_UTF8 = 2,     // written without a byte-order mark (see writeString)
   FE_UTF16LE = 3,  // written with a byte-order mark at the start of a file
   FE_UTF16BE = 4,  // likewise
 };
@@ -146,8 +146,10 @@ class QUENLIB_API SFile {
   // it. UTF-8 must be well-formed (otherwise the result is "?"); a last odd
   // byte of UTF-16 is dropped.
   SAnsiString readString(FileEncoding encoding = FE_Detect);
-  // Writes the locale text in encoding at the current position (UTF-16
-  // preceded by its byte-order mark when that position is 0).
+  // Writes the locale text in encoding at the current position. At the
+  // start of a file (position 0; for modeAppend an empty file) UTF-16 is
+  // preceded by its byte-order mark, and UTF-8 only when the text itself
+  // begins with U+FEFF, so that every text reads back unchanged.
   void writeString(SAnsiString const& text, FileEncoding encoding = FE_Ansi);
 
   // The file's size in bytes.
