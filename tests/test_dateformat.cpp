@@ -1,6 +1,7 @@
 // Pattern formatting and the localised names.
 #include <quenlib/sdatetime.h>
 #include <quenlib/sdatetimestring.h>
+#include <quenlib/stringconv.h>
 
 #include <gtest/gtest.h>
 
@@ -149,4 +150,18 @@ TEST(DateFormatNames, FollowTheThreadLocale) {
   freelocale(ja);
   EXPECT_EQ(english, "Monday");
   EXPECT_EQ(japanese, "\xB7\xEE\xCD\xCB\xC6\xFC");  // 月曜日
+}
+
+// The formatter writes its digits itself (no allocation per field); its
+// output must be what the library's integer conversions give.
+TEST(DateFormatPattern, NumbersMatchTheIntegerConversions) {
+  for (int minute = 0; minute < 60; ++minute) {
+    SDateTime t(2001, 1, 1 + minute % 28, minute % 24, minute, minute, minute * 16, Utc());
+    EXPECT_EQ(Str(t.Format("m", Utc())), Str(SAnsiStringConv::StringFrom100Number(unsigned(minute))));
+    EXPECT_EQ(Str(t.Format("mm", Utc())), Str(SAnsiStringConv::StringFrom10Number2Digits(unsigned(minute))));
+    EXPECT_EQ(Str(t.Format("s", Utc())), Str(SAnsiStringConv::StringFrom100Number(unsigned(minute))));
+    EXPECT_EQ(Str(t.Format("HH", Utc())), Str(SAnsiStringConv::StringFrom10Number2Digits(unsigned(minute % 24))));
+    EXPECT_EQ(Str(t.Format("d", Utc())), Str(SAnsiStringConv::StringFrom100Number(unsigned(1 + minute % 28))));
+    EXPECT_EQ(Str(t.Format("S", Utc())), Str(SAnsiStringConv::StringFrom100Number(unsigned(minute * 16))));
+  }
 }
