@@ -12,7 +12,7 @@
 //     SFile in("/tmp/report.txt", SFile::modeRead);
 //     SAnsiString text = in.readString(FE_Detect);
 //   } catch (SFileException const& e) {
-//     trace(e.getReason());      // "/tmp/report.txt: Permission denied"
+//     std::fprintf(stderr, "%s\n", e.what());  // "/tmp/report.txt: Permission denied"
 //   }
 //
 // Every failure of an `SFile` throws `SFileException`, whose reason text is
