@@ -21,6 +21,23 @@
 //
 // Where a zone argument is optional it defaults to UTC. An `STime` has no
 // date; its zone conversions use the offset of the zone on the current day.
+// Pass seconds since 1970 as an int64_t (a bare 0 would also match the OLE
+// date and struct tm* constructors).
+//
+// Format patterns: a run of one letter is one field, its length the form.
+//
+//   d  day      1: 4   2: 04   3: Sat   4+: Saturday
+//   M  month    1: 3   2: 03   3: Mar   4+: March
+//   y  year     1: 6   2: 06   3+: 2006
+//   g  era      AD (any run)
+//   h  hour 1..12   1: 5   2+: 05      H  hour 0..23   1: 5   2+: 05
+//   m  minute   1: 6   2+: 06          s  second       1: 7   2+: 07
+//   S  millisecond  1: 8   2+: 008     t  marker       1: A   2+: AM
+//
+// Other characters are copied; text in 'single' or "double" quotes is
+// copied without its quotes (an unclosed quote copies the rest). Date
+// fields of an invalid date and time fields of an invalid time are empty.
+// Names follow the thread's LC_TIME locale (see sdatetimestring.h).
 #pragma once
 
 #include <quenlib/quenlib_export.h>

@@ -5,11 +5,13 @@
 // 1999. An index out of range, or a name that cannot be produced, gives the
 // empty text.
 //
-//   setlocale(LC_ALL, "de_DE.UTF-8");
-//   SDateTimeString::GetLongDay(0);      // "Sonntag"
-//   SDateTimeString::GetShortMonth(3);   // "März"
-//   SDateTimeString::GetLongAM(true);    // "AM"
-//   SDateTimeString::GetEra(SDate(2000, 1, 1));  // "n. Chr."
+//   setlocale(LC_ALL, "en_US.UTF-8");
+//   SDateTimeString::GetLongDay(0);      // "Sunday"
+//   SDateTimeString::GetShortMonth(3);   // "Mar"
+//   SDateTimeString::GetShortAM(false);  // "P"
+//   SDateTimeString::GetEra(SDate(2000, 1, 1));  // "AD"
+//
+// Names are in the locale's own code set (EUC-JP bytes in ja_JP.eucjp).
 //
 // `SDateTime::Format` uses these for the name fields of its patterns.
 #pragma once
