@@ -143,7 +143,9 @@ HKEY Registry::KeyIterator::detach() noexcept {
 
 void Registry::KeyIterator::consume(KeyIterator& other) noexcept {
   if (this == &other) return;
-  QL_ASSERT_MSG(m_enumKey == NULL, "You are consuming into a non-empty KeyIterator. This will leak the REG_HANDLE.");
+  // The condition is reported as written, so it keeps its NULL.
+  QL_ASSERT_MSG(m_enumKey == NULL,  // NOLINT(modernize-use-nullptr)
+                "You are consuming into a non-empty KeyIterator. This will leak the REG_HANDLE.");
   close();  // reported above; closed here rather than really leaked
   m_enumKey = other.m_enumKey;
   m_index = other.m_index;
@@ -227,7 +229,7 @@ HKEY Registry::ValueIterator::detach() noexcept {
 
 void Registry::ValueIterator::consume(ValueIterator& other) noexcept {
   if (this == &other) return;
-  QL_ASSERT_MSG(m_enumValue == NULL,
+  QL_ASSERT_MSG(m_enumValue == NULL,  // NOLINT(modernize-use-nullptr)
                 "You are consuming into a non empty ValueIterator. This will leak the REG_HANDLE.");
   close();  // reported above; closed here rather than really leaked
   m_enumValue = other.m_enumValue;

@@ -29,11 +29,12 @@
 #include <quenlib/stimezone.h>
 #include <quenlib/sdatetimestring.h>
 
-// Configuration
+// Files and configuration
 #include <quenlib/regapi.h>
 #include <quenlib/regfile.h>
 #include <quenlib/registry.h>
 #include <quenlib/configfilereader.h>
+#include <quenlib/sfile.h>
 #include <registrykeys/configmgr_regkeys.h>
 
 // Diagnostics
