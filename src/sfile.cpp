@@ -83,13 +83,14 @@ SAnsiString decodeText(std::string_view bytes, FileEncoding encoding) {
 
 std::string toUtf16Bytes(std::string_view text, bool littleEndian, bool withMark) {
   std::u16string const units = localeconv::toUtf16(text.data(), text.size());
-  std::string out;
-  out.reserve(units.size() * 2 + 2);
-  if (withMark) out = littleEndian ? kMarkUtf16LE : kMarkUtf16BE;
+  std::string_view const mark = withMark ? (littleEndian ? kMarkUtf16LE : kMarkUtf16BE) : "";
+  std::string out(mark.size() + units.size() * 2, '\0');
+  mark.copy(out.data(), mark.size());
+  char* p = out.data() + mark.size();
   for (char16_t u : units) {
     char lo = static_cast<char>(u & 0xff), hi = static_cast<char>(u >> 8);
-    out += littleEndian ? lo : hi;
-    out += littleEndian ? hi : lo;
+    *p++ = littleEndian ? lo : hi;
+    *p++ = littleEndian ? hi : lo;
   }
   return out;
 }

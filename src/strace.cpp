@@ -83,7 +83,7 @@ STraceParameter::STraceParameter(SDateTime const& t) : kind_(kText) {
     text_ = "(invalid)";
     return;
   }
-  char buf[64];
+  char buf[96];  // room for seven full-range fields: never truncates
   std::snprintf(buf, sizeof buf, "%04u-%02u-%02u %02u:%02u:%02u.%03u", st.wYear, st.wMonth, st.wDay, st.wHour,
                 st.wMinute, st.wSecond, st.wMilliseconds);
   text_ = buf;
