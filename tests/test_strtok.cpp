@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,11 @@ struct CutCase {
   char const* delimiter;
   Pieces pieces;
 };
+
+// Readable test names in ctest's listing instead of the object's bytes.
+void PrintTo(CutCase const& c, std::ostream* os) {
+  *os << '"' << c.text << "\" at \"" << c.delimiter << '"';
+}
 
 class Cut : public ::testing::TestWithParam<CutCase> {};
 
