@@ -270,7 +270,7 @@ TEST_F(ConfigFile, ConfigManagerServers) {
 // The example shipped for operators must stay a valid landscape file.
 TEST(ConfigFileExample, ShippedLandscapeReads) {
   ConfigFileReader r;
-  ASSERT_TRUE(r.initializeFromXML(QUENLIB_TEST_DATA_DIR "/../../docs/landscape.example.xml"));
+  ASSERT_TRUE(r.initializeFromXML(QUENLIB_SOURCE_DIR "/docs/landscape.example.xml"));
   SIArray<SAnsiString> sections;
   ASSERT_TRUE(r.getSections(sections));
   ASSERT_EQ(sections.GetSize(), 3);

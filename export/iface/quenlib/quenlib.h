@@ -29,6 +29,13 @@
 #include <quenlib/stimezone.h>
 #include <quenlib/sdatetimestring.h>
 
+// URLs and web text
+#include <quenlib/simap.h>
+#include <quenlib/nvpairs.h>
+#include <quenlib/oburl.h>
+#include <quenlib/qrysstring.h>
+#include <quenlib/webencode.h>
+
 // Files and configuration
 #include <quenlib/regapi.h>
 #include <quenlib/regfile.h>
