@@ -743,18 +743,24 @@ LONG RegSetValueExA(HKEY key, LPCSTR name, DWORD, DWORD type, BYTE const* data, 
   return sqliteStatus(sqlite3_step(st));
 }
 
-LONG RegEnumKeyExA(HKEY key, DWORD index, LPSTR name, DWORD* nameChars, DWORD* reserved,
-                   LPSTR keyClass, DWORD* classChars, FILETIME* lastWrite) {
-  if (reserved || !name || !nameChars) return ERROR_INVALID_PARAMETER;
+namespace {
+
+// The shared half of the two enumerations: finds row `index` of `which`
+// below `key`, copies its name (column 0) and hands the row to `rest`
+// while the store's lock is still held. A key that no longer exists has
+// no more items.
+template <class Rest>
+LONG enumRow(HKEY key, REGSAM access, Stmt which, DWORD index, LPSTR name, DWORD* nameChars,
+             Rest rest) {
   KeyRef ref;
   LONG rc = resolve(key, ref);
   if (rc != ERROR_SUCCESS) return rc;
   Store& s = *ref.store;
   std::lock_guard<std::mutex> lock(s.mu);
-  rc = prepare(ref, KEY_ENUMERATE_SUB_KEYS, false);
+  rc = prepare(ref, access, false);
   if (rc == ERROR_FILE_NOT_FOUND) return ERROR_NO_MORE_ITEMS;
   if (rc != ERROR_SUCCESS) return rc;
-  sqlite3_stmt* st = s.stmt(kEnumKey);
+  sqlite3_stmt* st = s.stmt(which);
   if (!st) return ERROR_NO_MORE_ITEMS;
   StmtUse use(st);
   sqlite3_bind_int64(st, 1, ref.id);
@@ -765,41 +771,37 @@ LONG RegEnumKeyExA(HKEY key, DWORD index, LPSTR name, DWORD* nameChars, DWORD* r
   rc = copyName(reinterpret_cast<char const*>(sqlite3_column_text(st, 0)),
                 static_cast<size_t>(sqlite3_column_bytes(st, 0)), name, nameChars);
   if (rc != ERROR_SUCCESS) return rc;
-  if (keyClass && classChars && *classChars) keyClass[0] = '\0';
-  if (classChars) *classChars = 0;
-  if (lastWrite) {
-    uint64_t t = static_cast<uint64_t>(sqlite3_column_int64(st, 1));
-    lastWrite->dwLowDateTime = static_cast<DWORD>(t);
-    lastWrite->dwHighDateTime = static_cast<DWORD>(t >> 32);
-  }
-  return ERROR_SUCCESS;
+  return rest(st);
+}
+
+}  // namespace
+
+LONG RegEnumKeyExA(HKEY key, DWORD index, LPSTR name, DWORD* nameChars, DWORD* reserved,
+                   LPSTR keyClass, DWORD* classChars, FILETIME* lastWrite) {
+  if (reserved || !name || !nameChars) return ERROR_INVALID_PARAMETER;
+  return enumRow(key, KEY_ENUMERATE_SUB_KEYS, kEnumKey, index, name, nameChars,
+                 [&](sqlite3_stmt* st) -> LONG {
+                   if (keyClass && classChars && *classChars) keyClass[0] = '\0';
+                   if (classChars) *classChars = 0;
+                   if (lastWrite) {
+                     uint64_t t = static_cast<uint64_t>(sqlite3_column_int64(st, 1));
+                     lastWrite->dwLowDateTime = static_cast<DWORD>(t);
+                     lastWrite->dwHighDateTime = static_cast<DWORD>(t >> 32);
+                   }
+                   return ERROR_SUCCESS;
+                 });
 }
 
 LONG RegEnumValueA(HKEY key, DWORD index, LPSTR name, DWORD* nameChars, DWORD* reserved,
                    DWORD* type, BYTE* data, DWORD* size) {
   if (reserved || !name || !nameChars) return ERROR_INVALID_PARAMETER;
   if (data && !size) return ERROR_INVALID_PARAMETER;
-  KeyRef ref;
-  LONG rc = resolve(key, ref);
-  if (rc != ERROR_SUCCESS) return rc;
-  Store& s = *ref.store;
-  std::lock_guard<std::mutex> lock(s.mu);
-  rc = prepare(ref, KEY_QUERY_VALUE, false);
-  if (rc == ERROR_FILE_NOT_FOUND) return ERROR_NO_MORE_ITEMS;
-  if (rc != ERROR_SUCCESS) return rc;
-  sqlite3_stmt* st = s.stmt(kEnumValue);
-  if (!st) return ERROR_NO_MORE_ITEMS;
-  StmtUse use(st);
-  sqlite3_bind_int64(st, 1, ref.id);
-  sqlite3_bind_int64(st, 2, index);
-  int step = sqlite3_step(st);
-  if (step == SQLITE_DONE) return ERROR_NO_MORE_ITEMS;
-  if (step != SQLITE_ROW) return sqliteStatus(step);
-  rc = copyName(reinterpret_cast<char const*>(sqlite3_column_text(st, 0)),
-                static_cast<size_t>(sqlite3_column_bytes(st, 0)), name, nameChars);
-  if (rc != ERROR_SUCCESS) return rc;
-  if (type) *type = static_cast<DWORD>(sqlite3_column_int64(st, 1));
-  return copyData(sqlite3_column_blob(st, 2), sqlite3_column_bytes(st, 2), data, size);
+  return enumRow(key, KEY_QUERY_VALUE, kEnumValue, index, name, nameChars,
+                 [&](sqlite3_stmt* st) -> LONG {
+                   if (type) *type = static_cast<DWORD>(sqlite3_column_int64(st, 1));
+                   return copyData(sqlite3_column_blob(st, 2), sqlite3_column_bytes(st, 2), data,
+                                   size);
+                 });
 }
 
 LONG RegDeleteKeyA(HKEY key, LPCSTR subKey) {
