@@ -3,7 +3,7 @@
 // same work done with ICU alone, on ASCII, mixed European and CJK text.
 #include <quenlib/codesetconverter.h>
 
-#include "internal/utfcore.h"
+#include "text/utfcore.h"
 
 #include <benchmark/benchmark.h>
 #include <unicode/ucnv.h>

@@ -9,7 +9,7 @@
 #include <quenlib/paramlineargs.h>
 #include <quenlib/slogger.h>
 
-#include "internal/utfcore.h"
+#include "text/utfcore.h"
 
 #include <unicode/ucnv.h>
 #include <unicode/ustring.h>

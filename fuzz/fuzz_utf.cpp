@@ -1,7 +1,7 @@
 // Fuzzes the strict Unicode transforms: the input is read as UTF-8 and, at
 // the same time, as UTF-16 units. Well-formed input must round-trip
 // unchanged; ill-formed input must fail exactly when ICU's conversion fails.
-#include "internal/utfcore.h"
+#include "text/utfcore.h"
 
 #include <unicode/ustring.h>
 

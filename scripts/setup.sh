@@ -11,6 +11,15 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev
   locales tzdata python3
 )
+# Each subsystem that needs more (a real server to test against, say) lists
+# its Debian packages in scripts/packages/<subsystem>.txt, one per line.
+for list in "$(dirname "$0")"/packages/*.txt; do
+  [ -e "$list" ] || continue
+  while read -r p _; do
+    case "$p" in ''|'#'*) continue ;; esac
+    packages+=("$p")
+  done <"$list"
+done
 
 missing=()
 for p in "${packages[@]}"; do
@@ -22,8 +31,19 @@ SUDO=""
 
 if [ "${#missing[@]}" -gt 0 ]; then
   export DEBIAN_FRONTEND=noninteractive
+  # Server packages (mail, FTP, SSH, etcd) are only test peers here: keep
+  # apt from starting or enabling the machine's own services while it runs.
+  policy=/usr/sbin/policy-rc.d
+  own_policy=0
+  if [ ! -e "$policy" ]; then
+    printf '#!/bin/sh\nexit 101\n' | $SUDO tee "$policy" >/dev/null
+    $SUDO chmod +x "$policy"
+    own_policy=1
+    trap '$SUDO rm -f "$policy"' EXIT
+  fi
   $SUDO apt-get update -qq
   $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+  [ "$own_policy" -eq 0 ] || $SUDO rm -f "$policy"
 fi
 
 # The string tests run in a double-byte locale as well as in C.UTF-8.

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the sanitizer build (AddressSanitizer and
-# UBSan) with all unit tests and the out-of-tree install check, the
-# ThreadSanitizer build of the concurrency tests, and a short smoke run of
-# each fuzz target under clang.
+# UBSan) with all unit tests, the install checks and the layering check,
+# clang-tidy over the library sources, the ThreadSanitizer build of the
+# concurrency tests, and a short smoke run of each fuzz target under clang.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs="${QUENLIB_JOBS:-2}"
@@ -12,9 +12,17 @@ cmake --preset dev >/dev/null
 cmake --build --preset dev -j"$jobs"
 ctest --preset dev
 
+echo "== clang-tidy over the library sources"
+run-clang-tidy -p build/dev -j "$jobs" -quiet "$PWD/src/" >build/dev/clang-tidy.log 2>&1 || {
+  grep -E 'warning:|error:' build/dev/clang-tidy.log | sort -u
+  echo "clang-tidy found problems (full log: build/dev/clang-tidy.log)"
+  exit 1
+}
+echo "clang-tidy: clean"
+
 echo "== ThreadSanitizer: concurrency tests"
 cmake --preset tsan >/dev/null
-tsan_targets=$(cd tests && ls test_*concurrent*.cpp 2>/dev/null | sed 's/\.cpp$//' || true)
+tsan_targets=$(find tests -name 'test_*concurrent*.cpp' -printf '%f\n' | sed 's/\.cpp$//' | sort)
 if [ -n "$tsan_targets" ]; then
   # shellcheck disable=SC2086
   for t in $tsan_targets; do cmake --build --preset tsan -j"$jobs" --target "$t"; done

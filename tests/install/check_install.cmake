@@ -1,5 +1,10 @@
 # Installs the built library into WORK_DIR/prefix, then builds and runs the
 # consumer with pkg-config and with find_package(QuenLib CONFIG).
+#
+# With PLAIN_SOURCE set, the library is first configured and built the way a
+# packager does it (a Release build with no options at all), so the check
+# proves that a default install links no sanitizer runtime: a consumer built
+# without sanitizers would abort at start if it did.
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
@@ -12,6 +17,11 @@ function(run)
   set(LAST_OUT "${out}" PARENT_SCOPE)
 endfunction()
 
+if(PLAIN_SOURCE)
+  set(BUILD_DIR ${WORK_DIR}/build)
+  run(${CMAKE_COMMAND} -S ${PLAIN_SOURCE} -B ${BUILD_DIR} -DCMAKE_BUILD_TYPE=Release)
+  run(${CMAKE_COMMAND} --build ${BUILD_DIR} -j2)
+endif()
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 file(GLOB_RECURSE pcfile ${prefix}/*/quenlib-5-0.pc)
 if(NOT pcfile)

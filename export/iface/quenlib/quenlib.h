@@ -11,7 +11,8 @@
 #include <quenlib/types.h>
 #include <quenlib/version.h>
 
-// Text and buffers
+// Text and buffers: strings of every flavour, code sets and UTF, integers as
+// text, tokenizers, byte buffers.
 #include <quenlib/sinterlocked.h>
 #include <quenlib/sstring.h>
 #include <quenlib/refcount.h>
@@ -24,29 +25,34 @@
 #include <quenlib/strtok.h>
 #include <quenlib/siarray.h>
 
-// Time
+// Diagnostics: the logger front end, trace options, scope traces, event
+// log files, command-line argument lists.
+#include <quenlib/slogger.h>
+#include <quenlib/strace.h>
+#include <quenlib/paramlineargs.h>
+#include <quenlib/seventlog.h>
+#include <quenlib/logplugin.h>
+
+// Time: dates, times, spans, zones and formatting by pattern.
 #include <quenlib/sdatetime.h>
 #include <quenlib/stimezone.h>
 #include <quenlib/sdatetimestring.h>
 
-// URLs and web text
+// URLs and web text: percent-encoding and pairs, object URLs, query
+// patterns, HTML encoding and the map they share.
 #include <quenlib/simap.h>
 #include <quenlib/nvpairs.h>
 #include <quenlib/oburl.h>
 #include <quenlib/qrysstring.h>
 #include <quenlib/webencode.h>
 
-// Files and configuration
+// Files: files, file-system operations and their exceptions.
+#include <quenlib/sfile.h>
+
+// Configuration: the registry on its embedded store, .reg files,
+// configuration files and the configuration-manager record.
 #include <quenlib/regapi.h>
 #include <quenlib/regfile.h>
 #include <quenlib/registry.h>
 #include <quenlib/configfilereader.h>
-#include <quenlib/sfile.h>
 #include <registrykeys/configmgr_regkeys.h>
-
-// Diagnostics
-#include <quenlib/slogger.h>
-#include <quenlib/strace.h>
-#include <quenlib/paramlineargs.h>
-#include <quenlib/seventlog.h>
-#include <quenlib/logplugin.h>

@@ -1,0 +1,305 @@
+// The strict transforms on raw arrays, checked case by case and against
+// ICU's own conversion on a large generated corpus.
+#include "text/utfcore.h"
+
+#include <gtest/gtest.h>
+#include <unicode/ustring.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace QuenLibA500;
+using Bytes = std::vector<unsigned char>;
+
+namespace {
+
+struct IcuResult {
+  bool ok;
+  std::u16string text;
+};
+
+IcuResult icuFromUtf8(Bytes const& in) {
+  std::u16string out(in.size() + 1, u'\0');
+  int32_t len = 0;
+  UErrorCode ec = U_ZERO_ERROR;
+  u_strFromUTF8(reinterpret_cast<UChar*>(out.data()), static_cast<int32_t>(out.size()), &len,
+                reinterpret_cast<char const*>(in.data()), static_cast<int32_t>(in.size()), &ec);
+  if (U_FAILURE(ec)) return {false, {}};
+  out.resize(static_cast<size_t>(len));
+  return {true, out};
+}
+
+IcuResult icuToUtf8(std::u16string const& in, std::string& bytes) {
+  bytes.assign(in.size() * 3 + 1, '\0');
+  int32_t len = 0;
+  UErrorCode ec = U_ZERO_ERROR;
+  u_strToUTF8(bytes.data(), static_cast<int32_t>(bytes.size()), &len,
+              reinterpret_cast<UChar const*>(in.data()), static_cast<int32_t>(in.size()), &ec);
+  if (U_FAILURE(ec)) return {false, {}};
+  bytes.resize(static_cast<size_t>(len));
+  return {true, in};
+}
+
+bool oursFromUtf8(Bytes const& in, std::u16string& out) {
+  out.assign(in.size() + 1, u'\0');
+  utf::Outcome r = utf::utf8ToUtf16(in.data(), in.size(), out.data(), out.size());
+  if (r.result != utf::Result::ok) return false;
+  out.resize(r.written);
+  return true;
+}
+
+struct Utf8Case {
+  char const* name;
+  Bytes bytes;
+  bool valid;
+};
+
+}  // namespace
+
+TEST(UtfStrict, Utf8EdgeCases) {
+  std::vector<Utf8Case> const cases = {
+      {"empty", {}, true},
+      {"ascii", {'a', 'b', 0x7F}, true},
+      {"embedded nul", {'a', 0x00, 'b'}, true},
+      {"two-byte min", {0xC2, 0x80}, true},
+      {"overlong two-byte", {0xC1, 0xBF}, false},
+      {"overlong slash", {0xC0, 0xAF}, false},
+      {"three-byte min", {0xE0, 0xA0, 0x80}, true},
+      {"overlong three-byte", {0xE0, 0x9F, 0xBF}, false},
+      {"last before surrogates", {0xED, 0x9F, 0xBF}, true},
+      {"encoded high surrogate", {0xED, 0xA0, 0x80}, false},
+      {"encoded low surrogate", {0xED, 0xBF, 0xBF}, false},
+      {"U+FFFF", {0xEF, 0xBF, 0xBF}, true},
+      {"four-byte min", {0xF0, 0x90, 0x80, 0x80}, true},
+      {"overlong four-byte", {0xF0, 0x8F, 0xBF, 0xBF}, false},
+      {"U+10FFFF", {0xF4, 0x8F, 0xBF, 0xBF}, true},
+      {"above U+10FFFF", {0xF4, 0x90, 0x80, 0x80}, false},
+      {"lead F5", {0xF5, 0x80, 0x80, 0x80}, false},
+      {"five-byte form", {0xF8, 0x88, 0x80, 0x80, 0x80}, false},
+      {"lone trail", {0x80}, false},
+      {"truncated two", {0xC3}, false},
+      {"truncated three", {0xE2, 0x82}, false},
+      {"truncated four", {0xF0, 0x9F, 0x98}, false},
+      {"bad trail", {0xC3, 0x28}, false},
+      {"FE", {0xFE}, false},
+      {"FF", {0xFF}, false},
+  };
+  for (auto const& c : cases) {
+    std::u16string ours;
+    EXPECT_EQ(oursFromUtf8(c.bytes, ours), c.valid) << c.name;
+    EXPECT_EQ(utf::isValidUtf8(c.bytes.data(), c.bytes.size()), c.valid) << c.name;
+    EXPECT_EQ(icuFromUtf8(c.bytes).ok, c.valid) << c.name << " (ICU disagrees with the table)";
+  }
+}
+
+TEST(UtfStrict, Utf8DecodesSupplementaryAsPair) {
+  Bytes const in = {'x', 0xF0, 0x9F, 0x98, 0x80, 0xC3, 0xA9, 0xE2, 0x82, 0xAC};
+  std::u16string out;
+  ASSERT_TRUE(oursFromUtf8(in, out));
+  EXPECT_EQ(out, std::u16string(u"x\U0001F600\u00E9\u20AC"));
+}
+
+TEST(UtfStrict, TargetTooSmallIsReported) {
+  Bytes const in(40, 'a');
+  WChar out[10];
+  utf::Outcome r = utf::utf8ToUtf16(in.data(), in.size(), out, 10);
+  EXPECT_EQ(r.result, utf::Result::targetExhausted);
+  EXPECT_EQ(r.written, 10u);
+  Bytes const emoji = {0xF0, 0x9F, 0x98, 0x80};
+  r = utf::utf8ToUtf16(emoji.data(), emoji.size(), out, 1);
+  EXPECT_EQ(r.result, utf::Result::targetExhausted);
+  unsigned char small[2];
+  std::u16string const euro = u"\u20AC";
+  EXPECT_EQ(utf::utf16ToUtf8(euro.data(), 1, small, 2).result, utf::Result::targetExhausted);
+}
+
+TEST(UtfStrict, Utf16Surrogates) {
+  struct Case {
+    std::u16string in;
+    bool valid;
+  } const cases[] = {
+      {u"", true},
+      {u"abc\u00E9\u20AC", true},
+      {std::u16string{0xD83D, 0xDE00}, true},
+      {std::u16string{0xD83D}, false},
+      {std::u16string{0xDE00}, false},
+      {std::u16string{0xD83D, 'a'}, false},
+      {std::u16string{'a', 0xDBFF, 0xDFFF, 'b'}, true},
+      {std::u16string{0xDC00, 0xD800}, false},
+  };
+  for (auto const& c : cases) {
+    std::string bytes(c.in.size() * 3 + 1, '\0');
+    utf::Outcome r = utf::utf16ToUtf8(c.in.data(), c.in.size(),
+                                      reinterpret_cast<unsigned char*>(bytes.data()), bytes.size());
+    EXPECT_EQ(r.result == utf::Result::ok, c.valid);
+    EXPECT_EQ(utf::isValidUtf16(c.in.data(), c.in.size()), c.valid);
+    std::vector<uint32_t> u32(c.in.size() + 1);
+    EXPECT_EQ(utf::utf16ToUtf32(c.in.data(), c.in.size(), u32.data(), u32.size()).result ==
+                  utf::Result::ok,
+              c.valid);
+    std::string icu;
+    EXPECT_EQ(icuToUtf8(c.in, icu).ok, c.valid);
+    if (c.valid) {
+      EXPECT_EQ(bytes.substr(0, r.written), icu);
+    }
+  }
+}
+
+TEST(UtfStrict, Ucs4Range) {
+  struct Case {
+    uint32_t cp;
+    bool valid;
+  } const cases[] = {{0x41, true},     {0xD7FF, true},   {0xD800, false}, {0xDFFF, false},
+                     {0xE000, true},   {0xFFFF, true},   {0x10000, true}, {0x10FFFF, true},
+                     {0x110000, false}, {0xFFFFFFFF, false}};
+  for (auto const& c : cases) {
+    unsigned char b[8];
+    WChar w[4];
+    EXPECT_EQ(utf::utf32ToUtf8(&c.cp, 1, b, 8).result == utf::Result::ok, c.valid) << c.cp;
+    EXPECT_EQ(utf::utf32ToUtf16(&c.cp, 1, w, 4).result == utf::Result::ok, c.valid) << c.cp;
+  }
+}
+
+TEST(UtfStrict, AllScalarValuesRoundTrip) {
+  std::vector<uint32_t> all;
+  for (uint32_t cp = 1; cp <= 0x10FFFF; ++cp)
+    if (cp < 0xD800 || cp > 0xDFFF) all.push_back(cp);
+  Bytes u8(all.size() * 4);
+  utf::Outcome r = utf::utf32ToUtf8(all.data(), all.size(), u8.data(), u8.size());
+  ASSERT_EQ(r.result, utf::Result::ok);
+  u8.resize(r.written);
+  std::u16string u16(u8.size(), u'\0');
+  r = utf::utf8ToUtf16(u8.data(), u8.size(), u16.data(), u16.size());
+  ASSERT_EQ(r.result, utf::Result::ok);
+  u16.resize(r.written);
+  EXPECT_EQ(icuFromUtf8(u8).text, u16);
+  std::vector<uint32_t> back(all.size());
+  r = utf::utf16ToUtf32(u16.data(), u16.size(), back.data(), back.size());
+  ASSERT_EQ(r.result, utf::Result::ok);
+  EXPECT_EQ(back, all);
+  std::vector<uint32_t> back8(all.size());
+  r = utf::utf8ToUtf32(u8.data(), u8.size(), back8.data(), back8.size());
+  ASSERT_EQ(r.result, utf::Result::ok);
+  EXPECT_EQ(back8, all);
+}
+
+namespace {
+
+// Mostly well-formed text with pieces of every length class, then mutated:
+// bytes flipped, dropped, duplicated, so that every error class appears.
+Bytes generate(std::mt19937& rng) {
+  static uint32_t const samples[] = {0x41,   0x7F,   0x80,    0x7FF,   0x800,    0xD7FF,
+                                     0xE000, 0xFFFD, 0xFFFF,  0x10000, 0x1F600,  0x10FFFF,
+                                     0xE9,   0x20AC, 0x65E5,  0x3042,  0x0430,   0x10348};
+  std::uniform_int_distribution<int> len(0, 40);
+  std::uniform_int_distribution<size_t> pick(0, std::size(samples) - 1);
+  std::vector<uint32_t> cps(static_cast<size_t>(len(rng)));
+  for (auto& cp : cps) cp = samples[pick(rng)];
+  Bytes b(cps.size() * 4);
+  utf::Outcome r = utf::utf32ToUtf8(cps.data(), cps.size(), b.data(), b.size());
+  b.resize(r.written);
+  std::uniform_int_distribution<int> mutations(0, 3);
+  std::uniform_int_distribution<int> byte(0, 255);
+  int const m = mutations(rng);
+  for (int i = 0; i < m && !b.empty(); ++i) {
+    size_t const at = std::uniform_int_distribution<size_t>(0, b.size() - 1)(rng);
+    switch (byte(rng) % 3) {
+      case 0: b[at] = static_cast<unsigned char>(byte(rng)); break;
+      case 1: b.erase(b.begin() + static_cast<long>(at)); break;
+      default: b.insert(b.begin() + static_cast<long>(at), static_cast<unsigned char>(byte(rng)));
+    }
+  }
+  return b;
+}
+
+}  // namespace
+
+TEST(UtfStrict, ValidatorAgreesWithIcuOnGeneratedCorpus) {
+  std::mt19937 rng(20261121);
+  int valid = 0;
+  int invalid = 0;
+  for (int i = 0; i < 300000; ++i) {
+    Bytes const b = generate(rng);
+    IcuResult const icu = icuFromUtf8(b);
+    std::u16string ours;
+    bool const ok = oursFromUtf8(b, ours);
+    ASSERT_EQ(ok, icu.ok) << "case " << i;
+    ASSERT_EQ(utf::isValidUtf8(b.data(), b.size()), icu.ok) << "case " << i;
+    if (!ok) {
+      ++invalid;
+      continue;
+    }
+    ++valid;
+    ASSERT_EQ(ours, icu.text) << "case " << i;
+    // Exactly sized outputs take the careful (bounded) paths.
+    std::u16string exact(ours.size(), u'\0');
+    utf::Outcome e = utf::utf8ToUtf16(b.data(), b.size(), exact.data(), exact.size());
+    ASSERT_EQ(e.result, utf::Result::ok) << "case " << i;
+    ASSERT_EQ(exact, ours) << "case " << i;
+    Bytes exact8(b.size());
+    e = utf::utf16ToUtf8(ours.data(), ours.size(), exact8.data(), exact8.size());
+    ASSERT_EQ(e.result, utf::Result::ok) << "case " << i;
+    ASSERT_EQ(exact8, b) << "case " << i;
+    if (!b.empty()) {
+      e = utf::utf16ToUtf8(ours.data(), ours.size(), exact8.data(), exact8.size() - 1);
+      ASSERT_EQ(e.result, utf::Result::targetExhausted) << "case " << i;
+    }
+    std::string back(ours.size() * 3, '\0');
+    utf::Outcome r = utf::utf16ToUtf8(ours.data(), ours.size(),
+                                      reinterpret_cast<unsigned char*>(back.data()), back.size());
+    ASSERT_EQ(r.result, utf::Result::ok);
+    ASSERT_EQ(Bytes(back.begin(), back.begin() + static_cast<long>(r.written)), b);
+  }
+  // The corpus must exercise both sides.
+  EXPECT_GT(valid, 50000);
+  EXPECT_GT(invalid, 50000);
+}
+
+TEST(UtfStrict, Utf16ValidatorAgreesWithIcuOnRandomUnits) {
+  std::mt19937 rng(7);
+  static WChar const units[] = {'a', 0x7F, 0x80, 0x7FF, 0x800, 0xD7FF, 0xD800, 0xDBFF,
+                                0xDC00, 0xDFFF, 0xE000, 0xFFFF, 0x4E2D};
+  std::uniform_int_distribution<size_t> pick(0, std::size(units) - 1);
+  std::uniform_int_distribution<int> len(0, 12);
+  for (int i = 0; i < 100000; ++i) {
+    std::u16string s(static_cast<size_t>(len(rng)), u'\0');
+    for (auto& u : s) u = units[pick(rng)];
+    std::string icu;
+    bool const icuOk = icuToUtf8(s, icu).ok;
+    std::string ours(s.size() * 3 + 1, '\0');
+    utf::Outcome r = utf::utf16ToUtf8(s.data(), s.size(),
+                                      reinterpret_cast<unsigned char*>(ours.data()), ours.size());
+    ASSERT_EQ(r.result == utf::Result::ok, icuOk) << "case " << i;
+    if (icuOk) {
+      ASSERT_EQ(ours.substr(0, r.written), icu);
+    }
+  }
+}
+
+TEST(UtfStrict, ThreeByteRunsEndingEveryWay) {
+  std::u16string const endings[] = {u"",           u"a",           u"\u00E9",
+                                    u"\U0001F600", u"\u4E2D\u00E9", std::u16string{0xD800},
+                                    std::u16string{0xDC00, 'x'}};
+  for (int k = 0; k < 20; ++k) {
+    for (auto const& end : endings) {
+      std::u16string const text = std::u16string(static_cast<size_t>(k), u'\u65E5') + end;
+      std::string icu;
+      bool const icuOk = icuToUtf8(text, icu).ok;
+      for (size_t slack : {size_t(0), size_t(1), text.size() * 3 + 8}) {
+        size_t const cap = icuOk ? icu.size() + slack : text.size() * 3 + 8;
+        Bytes ours(cap);
+        utf::Outcome r = utf::utf16ToUtf8(text.data(), text.size(), ours.data(), ours.size());
+        ASSERT_EQ(r.result == utf::Result::ok, icuOk) << k;
+        if (icuOk) {
+          ASSERT_EQ(std::string(ours.begin(), ours.begin() + static_cast<long>(r.written)), icu);
+          std::u16string back(icu.size() + slack, u'\0');
+          r = utf::utf8ToUtf16(reinterpret_cast<unsigned char const*>(icu.data()), icu.size(),
+                               back.data(), back.size());
+          ASSERT_EQ(r.result, utf::Result::ok);
+          ASSERT_EQ(back.substr(0, r.written), text);
+        }
+      }
+    }
+  }
+}
