@@ -56,3 +56,9 @@
 #include <quenlib/registry.h>
 #include <quenlib/configfilereader.h>
 #include <registrykeys/configmgr_regkeys.h>
+
+// Processes: framed pipes to child processes, starting, watching and
+// stopping children.
+#include <quenlib/csipipe.h>
+#include <quenlib/csiprocess.h>
+#include <quenlib/windesktopheapmgr.h>
