@@ -1,7 +1,8 @@
-// sinterlocked.h: 32-bit counters changed with atomic operations.
+// sinterlocked.h: 32- and 64-bit counters changed with atomic operations.
 //
 // `SInterlockedInt32s` (signed) and `SInterlockedInt32u` (unsigned) are one
-// 32-bit word each, with the layout of a plain integer, so that they can sit
+// 32-bit word each (`SInterlockedInt64s` and `SInterlockedInt64u` one
+// 64-bit word), with the layout of a plain integer, so that they can sit
 // inside records that are allocated, moved and freed as raw memory (the
 // string buffers keep their reference count in one). The exchange
 // operations are one atomic read-modify-write that returns the value held
@@ -13,6 +14,13 @@
 //   users.exchangeInc();                     // returns 1, now 2
 //   if (users.exchangeDec() == 1) free(...); // last one out frees
 //   int32_t now = users.read();
+//
+// `compareExchange(value, comparand)` stores value only when the counter
+// holds comparand, and returns what it held before either way, so the
+// caller knows it won when the result equals comparand:
+//
+//   QuenLibA500::SInterlockedInt64u owner(0);
+//   if (owner.compareExchange(myId, 0) == 0) { /* we own it */ }
 #pragma once
 
 #include <quenlib/quenlib_export.h>
@@ -43,6 +51,11 @@ class InterlockedWord {
   // Atomic increment and decrement; return the value before the change.
   T exchangeInc() noexcept { return ref().fetch_add(1); }
   T exchangeDec() noexcept { return ref().fetch_sub(1); }
+  // Stores v when the value equals comparand; returns the value before.
+  T compareExchange(T v, T comparand) noexcept {
+    ref().compare_exchange_strong(comparand, v);
+    return comparand;
+  }
   // A full-barrier (sequentially consistent) read.
   T read() const noexcept { return cref().load(std::memory_order_seq_cst); }
   // Plain accesses, for values no other thread can touch at the moment.
@@ -85,8 +98,24 @@ class QUENLIB_API SInterlockedInt32u : public detail::InterlockedWord<uint32_t> 
   using detail::InterlockedWord<uint32_t>::operator=;
 };
 
+// Atomic signed 64-bit counter.
+class QUENLIB_API SInterlockedInt64s : public detail::InterlockedWord<int64_t> {
+ public:
+  using detail::InterlockedWord<int64_t>::InterlockedWord;
+  using detail::InterlockedWord<int64_t>::operator=;
+};
+
+// Atomic unsigned 64-bit counter, modulo 2^64.
+class QUENLIB_API SInterlockedInt64u : public detail::InterlockedWord<uint64_t> {
+ public:
+  using detail::InterlockedWord<uint64_t>::InterlockedWord;
+  using detail::InterlockedWord<uint64_t>::operator=;
+};
+
 static_assert(sizeof(SInterlockedInt32s) == 4 && sizeof(SInterlockedInt32u) == 4,
               "counters are one 32-bit word");
+static_assert(sizeof(SInterlockedInt64s) == 8 && sizeof(SInterlockedInt64u) == 8,
+              "64-bit counters are one 64-bit word");
 
 // Free-function forms, taking a pointer to the counter.
 inline int32_t SInterlockedExchangeAdd(SInterlockedInt32s* p, int32_t d) noexcept {
@@ -94,6 +123,24 @@ inline int32_t SInterlockedExchangeAdd(SInterlockedInt32s* p, int32_t d) noexcep
 }
 inline int32_t SInterlockedExchange(SInterlockedInt32s* p, int32_t v) noexcept {
   return p->exchange(v);
+}
+inline int32_t SInterlockedCompareExchange(SInterlockedInt32s* p, int32_t v,
+                                           int32_t comparand) noexcept {
+  return p->compareExchange(v, comparand);
+}
+inline int64_t SInterlockedExchangeAdd(SInterlockedInt64s* p, int64_t d) noexcept {
+  return p->exchangeAdd(d);
+}
+inline int64_t SInterlockedExchange(SInterlockedInt64s* p, int64_t v) noexcept {
+  return p->exchange(v);
+}
+inline int64_t SInterlockedCompareExchange(SInterlockedInt64s* p, int64_t v,
+                                           int64_t comparand) noexcept {
+  return p->compareExchange(v, comparand);
+}
+inline uint64_t SInterlockedCompareExchange(SInterlockedInt64u* p, uint64_t v,
+                                            uint64_t comparand) noexcept {
+  return p->compareExchange(v, comparand);
 }
 inline int32_t SNonInterlockedRead(SInterlockedInt32s const* p) noexcept {
   return p->nonInterlockedRead();

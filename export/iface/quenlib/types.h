@@ -18,4 +18,7 @@ using WChar = char16_t;
 // The original platform's unsigned 32-bit word.
 using DWORD = uint32_t;
 
+// Time-outs are milliseconds in a DWORD; this one waits without end.
+inline constexpr DWORD kWaitForever = 0xFFFFFFFFu;
+
 }  // namespace QuenLibA500
