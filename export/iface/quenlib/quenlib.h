@@ -25,6 +25,14 @@
 #include <quenlib/strtok.h>
 #include <quenlib/siarray.h>
 
+// Concurrency: critical sections, reader-writer locks, semaphores, timers,
+// stoppable named threads.
+#include <quenlib/critsec.h>
+#include <quenlib/rwlock.h>
+#include <quenlib/ssemaphore.h>
+#include <quenlib/stimer.h>
+#include <quenlib/sthread.h>
+
 // Diagnostics: the logger front end, trace options, scope traces, event
 // log files, command-line argument lists.
 #include <quenlib/slogger.h>
@@ -62,3 +70,9 @@
 #include <quenlib/csipipe.h>
 #include <quenlib/csiprocess.h>
 #include <quenlib/windesktopheapmgr.h>
+
+// Server framework: the server, its controller, the systemd service and the
+// diagnostic console.
+#include <quenlib/siserver.h>
+#include <quenlib/siservice.h>
+#include <quenlib/siconsole.h>
