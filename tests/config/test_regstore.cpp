@@ -1,39 +1,22 @@
 // The registry store's function layer: handles, buffers and sizes,
 // enumeration, deletion rules, names, permissions and remote stores.
-#include <quenlib/regapi.h>
 
-#include <gtest/gtest.h>
+#include "config_support.h"
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <string>
-#include <vector>
 
 using namespace QuenLibA500;
 namespace fs = std::filesystem;
 
 namespace {
 
-class RegStore : public ::testing::Test {
+class RegStore : public quentest::StoreTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/regstoreXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-    setenv("QUENLIB_REGISTRY_DIR", dir.c_str(), 1);
-    unsetenv("QUENLIB_REGISTRY_REMOTE_DIR");
-  }
   void TearDown() override {
     for (HKEY k : opened) RegCloseKey(k);
-    unsetenv("QUENLIB_REGISTRY_DIR");
-    unsetenv("QUENLIB_REGISTRY_REMOTE_DIR");
-    std::error_code ec;
-    fs::permissions(dir, fs::perms::owner_all, fs::perm_options::add, ec);
-    fs::remove_all(dir, ec);
+    StoreTest::TearDown();
   }
 
   HKEY create(char const* path, HKEY root = HKEY_CURRENT_USER, REGSAM access = KEY_ALL_ACCESS) {
@@ -65,7 +48,6 @@ class RegStore : public ::testing::Test {
     return std::string(buf, size ? size - 1 : 0);
   }
 
-  std::string dir;
   std::vector<HKEY> opened;
 };
 
@@ -127,19 +109,6 @@ TEST_F(RegStore, SizeQueryAndMoreData) {
   DWORD dw = 1;
   EXPECT_EQ(RegSetValueExA(k, "bad", 0, REG_DWORD, reinterpret_cast<BYTE*>(&dw), 3),
             ERROR_INVALID_PARAMETER);
-}
-
-TEST_F(RegStore, StringsWithoutTerminatorAreStoredTerminated) {
-  HKEY k = create("Terminators");
-  ASSERT_EQ(RegSetValueExA(k, "a", 0, REG_SZ, reinterpret_cast<BYTE const*>("abc"), 3), ERROR_SUCCESS);
-  ASSERT_EQ(RegSetValueExA(k, "e", 0, REG_SZ, nullptr, 0), ERROR_SUCCESS);
-  DWORD size = 0;
-  RegQueryValueExA(k, "a", nullptr, nullptr, nullptr, &size);
-  EXPECT_EQ(size, 4u);
-  EXPECT_EQ(getText(k, "a"), "abc");
-  RegQueryValueExA(k, "e", nullptr, nullptr, nullptr, &size);
-  EXPECT_EQ(size, 1u);
-  EXPECT_EQ(getText(k, "e"), "");
 }
 
 TEST_F(RegStore, NamesIgnoreCaseAndKeepIt) {
@@ -257,64 +226,6 @@ TEST_F(RegStore, AccessRightsOfHandles) {
             ERROR_ACCESS_DENIED);
 }
 
-TEST_F(RegStore, BadArgumentsAndHandles) {
-  HKEY k = nullptr;
-  struct {
-    char const* path;
-    LONG rc;
-  } paths[] = {
-      {"\\Leading", ERROR_BAD_PATHNAME},
-      {"Double\\\\Sep", ERROR_BAD_PATHNAME},
-      {"Trailing\\", ERROR_SUCCESS},
-  };
-  for (auto const& p : paths) {
-    EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, p.path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k,
-                              nullptr),
-              p.rc)
-        << p.path;
-    if (k) RegCloseKey(k);
-    k = nullptr;
-  }
-  EXPECT_EQ(open("trailing", KEY_READ, k), ERROR_SUCCESS);
-  std::string longName(256, 'n');
-  EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, longName.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                            nullptr, &k, nullptr),
-            ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "x", 0, KEY_READ, nullptr), ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(RegCloseKey(nullptr), ERROR_INVALID_HANDLE);
-  EXPECT_EQ(RegCloseKey(HKEY_LOCAL_MACHINE), ERROR_SUCCESS);
-  EXPECT_EQ(RegOpenKeyExA(nullptr, "x", 0, KEY_READ, &k), ERROR_INVALID_HANDLE);
-  EXPECT_EQ(SetHandleInformation(HKEY_CURRENT_USER, HANDLE_FLAG_INHERIT, 0), 1);
-}
-
-TEST_F(RegStore, OpenToEverybodyIsRecorded) {
-  SECURITY_DESCRIPTOR sd;
-  ASSERT_TRUE(InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION));
-  ASSERT_TRUE(SetSecurityDescriptorDacl(&sd, 1, nullptr, 0));
-  SECURITY_ATTRIBUTES sa{sizeof sa, &sd, 1};
-  HKEY open = nullptr, plain = nullptr;
-  DWORD disp = 0;
-  ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "Open\\Key", 0, nullptr, 0, KEY_WRITE, &sa, &open, &disp),
-            ERROR_SUCCESS);
-  EXPECT_EQ(disp, REG_CREATED_NEW_KEY);
-  opened.push_back(open);
-  plain = create("Plain", HKEY_LOCAL_MACHINE);
-  BOOL flag = 0;
-  ASSERT_EQ(RegQueryKeyOpenToEverybody(open, &flag), ERROR_SUCCESS);
-  EXPECT_TRUE(flag);
-  ASSERT_EQ(RegQueryKeyOpenToEverybody(plain, &flag), ERROR_SUCCESS);
-  EXPECT_FALSE(flag);
-  HKEY parent = nullptr;
-  ASSERT_EQ(this->open("Open", KEY_READ, parent, HKEY_LOCAL_MACHINE), ERROR_SUCCESS);
-  ASSERT_EQ(RegQueryKeyOpenToEverybody(parent, &flag), ERROR_SUCCESS);
-  EXPECT_FALSE(flag);  // only the key asked for carries the flag
-  HKEY again = nullptr;
-  ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "open\\key", 0, nullptr, 0, KEY_WRITE, nullptr, &again, &disp),
-            ERROR_SUCCESS);
-  opened.push_back(again);
-  EXPECT_EQ(disp, REG_OPENED_EXISTING_KEY);
-}
-
 TEST_F(RegStore, StoreFilesAndModes) {
   EXPECT_EQ(RegStorePath(HKEY_LOCAL_MACHINE), dir + "/machine.db");
   EXPECT_EQ(RegStorePath(HKEY_CURRENT_USER), dir + "/user.db");
@@ -343,21 +254,6 @@ TEST_F(RegStore, StoreFilesAndModes) {
   HKEY d = create("X", HKEY_LOCAL_MACHINE);
   EXPECT_NE(d, nullptr);
   EXPECT_TRUE(fs::exists(nested + "/machine.db"));
-}
-
-TEST_F(RegStore, DefaultUserStoreFollowsXdgConfigHome) {
-  unsetenv("QUENLIB_REGISTRY_DIR");
-  std::string old = getenv("XDG_CONFIG_HOME") ? getenv("XDG_CONFIG_HOME") : "";
-  setenv("XDG_CONFIG_HOME", (dir + "/cfg").c_str(), 1);
-  EXPECT_EQ(RegStorePath(HKEY_CURRENT_USER), dir + "/cfg/quenlib/user.db");
-  EXPECT_EQ(RegStorePath(HKEY_LOCAL_MACHINE), "/var/lib/quenlib/machine.db");
-  HKEY k = create("Xdg");
-  EXPECT_NE(k, nullptr);
-  struct stat st;
-  ASSERT_EQ(stat((dir + "/cfg/quenlib").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
-  if (old.empty()) unsetenv("XDG_CONFIG_HOME");
-  else setenv("XDG_CONFIG_HOME", old.c_str(), 1);
 }
 
 TEST_F(RegStore, ReadOnlyStoreGivesAccessDenied) {
