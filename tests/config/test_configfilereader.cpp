@@ -97,32 +97,6 @@ TEST_F(ConfigFile, OpenFailureTracesTheFileReason) {
   }
 }
 
-TEST_F(ConfigFile, Encodings) {
-  std::string utf16le = "\xff\xfe", utf16be = "\xfe\xff";
-  for (char c : std::string("[S]\r\nk=v16\r\n")) {
-    utf16le += std::string{c, '\0'};
-    utf16be += std::string{'\0', c};
-  }
-  struct {
-    char const* file;
-    std::string bytes;
-    ConfigFileReader::FileEncoding encoding;
-    char const* want;
-  } rows[] = {
-      {"bom8.cfg", "\xef\xbb\xbf[S]\nk=v8\n", ConfigFileReader::FE_Detect, "v8"},
-      {"le.cfg", utf16le, ConfigFileReader::FE_Detect, "v16"},
-      {"be.cfg", utf16be, ConfigFileReader::FE_Detect, "v16"},
-      {"le2.cfg", utf16le, ConfigFileReader::FE_UTF16LE, "v16"},
-      {"u8.cfg", "[S]\nk=plain\n", ConfigFileReader::FE_UTF8, "plain"},
-      {"ansi.cfg", "[S]\nk=ansi\n", ConfigFileReader::FE_Ansi, "ansi"},
-  };
-  for (auto const& row : rows) {
-    ConfigFileReader r;
-    ASSERT_TRUE(r.initialize(write(row.file, row.bytes), row.encoding)) << row.file;
-    EXPECT_EQ(str(r.getValue("S", "k", "")), row.want) << row.file;
-  }
-}
-
 TEST_F(ConfigFile, LandscapeXml) {
   std::string xml =
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"

@@ -206,32 +206,6 @@ TEST_F(RegistryTest, ValueIteratorTextRules) {
   EXPECT_FALSE(reg("Vals\\None").EnumValues());
 }
 
-TEST(RegistryPaths, RootClassesUseTheSuitePaths) {
-  struct Row {
-    Registry r;
-    char const* path;
-  };
-  std::string company = "Software\\Orrin Tolvane\\Suite KR 4.0";
-  Row rows[] = {
-      {CompanyRegistry(), company.c_str()},
-      {UserCompanyRegistry(), "Software\\Orrin Tolvane"},
-      {UserSharedRegistry(), "Software\\Orrin Tolvane\\Suite KR 4.0\\Shared"},
-      {UserSharedRegistry("Tool"), "Software\\Orrin Tolvane\\Suite KR 4.0\\Shared\\Tool"},
-      {APSRegistry(), "Software\\Orrin Tolvane\\Suite KR 4.0\\CMS"},
-      {APSRegistry("Inst", "Sub"), "Software\\Orrin Tolvane\\Suite KR 4.0\\CMS\\Instances\\Inst\\Sub"},
-      {ODBCRegistry(), "Software\\ODBC"},
-      {TransportRegistry(), "Software\\Orrin Tolvane\\Suite KR 4.0\\Transport"},
-      {WebConnectorRegistry(), "Software\\Orrin Tolvane\\Suite KR 4.0\\Web Connector"},
-      {SharedToolsRegistry(), "Software\\Orrin Tolvane\\Suite KR 4.0\\Shared Tools"},
-      {CompanyRegistry("X", "Pre\\", HKEY_USERS, false), "Pre\\X"},
-  };
-  for (auto const& row : rows) EXPECT_EQ(str(row.r.GetKeyName()), row.path);
-  EXPECT_EQ(APSRegistry("Inst").GetInstanceKey() == SAnsiString("Inst"), true);
-  EXPECT_STREQ(REGISTRY_HOME_ENVVAR, "TQE_REGISTRYHOME");
-  EXPECT_STREQ(LEGACY_COMPANY_ROOTS[0], "Lumaris Decisions");
-  EXPECT_STREQ(LEGACY_COMPANY_ROOTS[3], "Software\\Tolvane");
-}
-
 TEST_F(RegistryTest, UserValuesFallBackToLegacyRootsAndMigrateOnce) {
   rawSet(HKEY_CURRENT_USER, "Brackwell Software", "Lang", REG_SZ, std::string("de\0", 3));
   rawSet(HKEY_CURRENT_USER, "Software\\Tolvane", "Lang", REG_SZ, std::string("fr\0", 3));

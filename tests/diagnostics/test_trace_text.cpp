@@ -10,7 +10,7 @@
 #include <stdexcept>
 
 #include "diagnostics/trace.h"
-#include "test_trace_support.h"
+#include "diagnostics_support.h"
 
 using namespace QuenLibA500;
 
@@ -138,14 +138,6 @@ TEST_F(TraceText, TraceObjBuildsTextOnlyWhenTracing) {
   EXPECT_EQ(lines[0].line, 10);
 }
 
-TEST_F(TraceText, InternalMacro) {
-  QL_TRACE(SLogger::tl_M, "macro %d", 3);
-  QL_TRACE_WARNING("warn %1", "x");
-  tracetest::init("-trace w");
-  QL_TRACE(SLogger::tl_M, "hidden");
-  EXPECT_EQ(rec.texts(), (std::vector<std::string>{"macro 3", "warn x"}));
-}
-
 TEST_F(TraceText, ScopeEntryAndExitWithResultErrorAndVars) {
   {
     SScopeTrace s(__FILE__, __LINE__, "Open", SLogger::tl_Scope, "key", 5);
@@ -165,48 +157,4 @@ TEST_F(TraceText, ScopeEntryAndExitWithResultErrorAndVars) {
   EXPECT_EQ(rec.texts(), (std::vector<std::string>{"Enter Open(key, 5)", "Exit Open result=0 mode=rw", "Enter Read()",
                                                     "Exit Read error=EIO", "Enter Throws()",
                                                     "Exit Throws error=exception"}));
-}
-
-TEST_F(TraceText, ScopesOffTraceNothing) {
-  tracetest::init("-trace xl");
-  {
-    SScopeTrace s(__FILE__, __LINE__, "Quiet");
-    EXPECT_FALSE(s.IsActive());
-    s.SetResult(1);
-  }
-  EXPECT_TRUE(rec.texts().empty());
-}
-
-TEST_F(TraceText, NestedScopesAreIndentedInTheLog) {
-  tracetest::ScratchDir dir;
-  std::string const file = dir.file("scopes.log");
-  tracetest::init("-trace scope -logFile " + file);
-  {
-    SScopeTrace outer(__FILE__, 1, "Outer");
-    SScopeTrace inner(__FILE__, 2, "Inner");
-  }
-  SLogger::Terminate();
-  std::string const log = tracetest::readFile(file);
-  EXPECT_NE(log.find("test_trace_text(1): Enter Outer()\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("test_trace_text(2):   Enter Inner()\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("test_trace_text(2):   Exit Inner\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("test_trace_text(1): Exit Outer\n"), std::string::npos) << log;
-}
-
-TEST_F(TraceText, WorkflowSetsActionIdAndInstrumentMeasures) {
-  SLogger::SetContextVar("ActionID", "outer-id");
-  {
-    WorkflowScopeTrace w(__FILE__, __LINE__, "Import", "job-7");
-    EXPECT_EQ(SLogger::GetActionID(), SAnsiString("job-7"));
-    InstrumentScopeTrace i(__FILE__, __LINE__, "Parse");
-  }
-  EXPECT_EQ(SLogger::GetActionID(), SAnsiString("outer-id"));
-  auto texts = rec.texts();
-  ASSERT_EQ(texts.size(), 4u);
-  EXPECT_EQ(texts[0], "Enter Import(job-7)");
-  EXPECT_EQ(texts[1], "Enter Parse()");
-  EXPECT_EQ(texts[2].rfind("Exit Parse elapsed=", 0), 0u);
-  EXPECT_EQ(texts[2].substr(texts[2].size() - 2), "us");
-  EXPECT_EQ(texts[3], "Exit Import");
-  SLogger::SetContextVar("ActionID", nullptr);
 }

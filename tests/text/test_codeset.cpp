@@ -77,35 +77,6 @@ TEST_F(CodesetUtf8Locale, EncodesEachCodePageWithQuestionMarks) {
     EXPECT_EQ(fromLocale(c.in, c.cs), c.out) << "code set " << c.cs << " input " << c.in;
 }
 
-TEST_F(CodesetUtf8Locale, UnknownCodesetAssertsAndGivesNothing) {
-  quentest::AssertLog log;
-  auto const bad = static_cast<MB::ExplicitCodeset>(9);
-  EXPECT_EQ(toLocale("abc", bad), "");
-  EXPECT_EQ(fromLocale("abc", bad), "");
-  EXPECT_EQ(log.conditions(),
-            (std::vector<std::string>{"mbcscodesetconverter:0", "mbcscodesetconverter:0"}));
-}
-
-TEST_F(CodesetUtf8Locale, Ucs2ToMbsRules) {
-  char out[16];
-  WChar const text[] = {'a', 0xE9, 0};
-  EXPECT_EQ(CodesetConverter::ucs2tombs(out, text, sizeof out), 3u);
-  EXPECT_STREQ(out, "a\xC3\xA9");
-  EXPECT_EQ(CodesetConverter::ucs2tombs(nullptr, text, 0), 3u);
-  // An unpaired surrogate is one "?"; a character that no longer fits
-  // fills the rest with "?".
-  WChar const bad[] = {0xDC00, 0xE9, 0};
-  EXPECT_EQ(CodesetConverter::ucs2tombs(out, bad, sizeof out), 3u);
-  EXPECT_STREQ(out, "?\xC3\xA9");
-  std::memset(out, 'x', sizeof out);
-  EXPECT_EQ(CodesetConverter::ucs2tombs(out, bad, 2), 2u);
-  EXPECT_EQ(std::string(out, 3), "??x");
-  EXPECT_EQ(CodesetConverter::ucs2tombs(nullptr, bad, 0), 3u);
-  WChar const pair[] = {0xD83D, 0xDE00, 0};
-  EXPECT_EQ(CodesetConverter::ucs2tombs(out, pair, sizeof out), 4u);
-  EXPECT_STREQ(out, "\xF0\x9F\x98\x80");
-}
-
 TEST(CodesetEucJpLocale, GoesThroughTheCLibrary) {
   LocaleScope locale("ja_JP.eucjp");
   if (!locale.ok()) GTEST_SKIP() << "ja_JP.eucjp is not installed";

@@ -50,24 +50,3 @@ TEST(ImmutableBuffer, SubRangeOutOfRangeThrows) {
   }
   EXPECT_EQ(whole.refcount(), 1);
 }
-
-TEST(ImmutableBuffer, ComparisonAndAssignment) {
-  SImmutableBuffer whole(kTen, 10, SImmutableBuffer::AT_Copy);
-  SImmutableBuffer a(whole, 0, 2);  // "01"
-  SImmutableBuffer b(whole, 0, 3);  // "012"
-  SImmutableBuffer c(whole, 1, 1);  // "1"
-  unsigned char const again[] = {'0', '1'};
-  SImmutableBuffer d(again, 2, SImmutableBuffer::AT_Copy);
-  EXPECT_TRUE(a == d);
-  EXPECT_FALSE(a == b);
-  EXPECT_TRUE(a < b);
-  EXPECT_TRUE(b < c);
-  EXPECT_FALSE(c < b);
-  EXPECT_FALSE(a < d);
-  d = c;
-  EXPECT_EQ(text(d), "1");
-  EXPECT_EQ(whole.refcount(), 5);
-  auto& alias = d;
-  d = alias;
-  EXPECT_EQ(whole.refcount(), 5);
-}

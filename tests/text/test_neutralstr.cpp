@@ -65,20 +65,6 @@ TEST(NeutralString, LimitsOfEveryType) {
   CheckLimits<unsigned long long>();
 }
 
-TEST(NeutralString, ThirtyTwoBitLongOfTheOriginal) {
-  int32_t v = 0;
-  EXPECT_TRUE(NeutralString::ToNumber("2147483647", v));
-  EXPECT_EQ(v, 2147483647);
-  EXPECT_FALSE(NeutralString::ToNumber("2147483648", v));
-  EXPECT_TRUE(NeutralString::ToNumber("-2147483648", v));
-  EXPECT_EQ(v, INT32_MIN);
-  uint32_t u = 9;
-  EXPECT_FALSE(NeutralString::ToNumber("-5", u));
-  EXPECT_EQ(u, 0u);
-  EXPECT_TRUE(NeutralString::ToNumber("4294967295", u));
-  EXPECT_EQ(u, 0xFFFFFFFFu);
-}
-
 TEST(NeutralString, DecimalOnlyWhateverTheLocale) {
   if (!std::setlocale(LC_ALL, "C.UTF-8")) GTEST_SKIP() << "C.UTF-8 is not installed";
   int32_t v = 5;

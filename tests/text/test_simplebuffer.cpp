@@ -40,28 +40,6 @@ TEST(SimpleBuffer, ReserveRule) {
   EXPECT_EQ(bytesOf(b), (std::vector<unsigned char>{1, 2, 3, 1, 2, 3}));
 }
 
-TEST(SimpleBuffer, FaultyConstructionLeavesNoRecord) {
-  unsigned char bytes[] = {1, 2};
-  struct Case {
-    unsigned char* p;
-    unsigned n;
-    bool adopt;
-  } const cases[] = {{nullptr, 4, false}, {nullptr, 4, true}, {bytes, 0, false}, {bytes, 0, true}};
-  for (auto const& c : cases) {
-    quentest::AssertLog log;
-    SSimpleBuffer b(c.p, c.n, c.adopt);
-    EXPECT_EQ(b.getRecord(), nullptr);
-    ASSERT_EQ(log.conditions(), std::vector<std::string>{"simplebuffer:0"});
-    b.append(bytes, 2, 0);
-    EXPECT_EQ(b.getNBytes(), 0u);
-    EXPECT_EQ(b.getBuffer(10), nullptr);
-    b.releaseBuffer(1);
-    EXPECT_EQ(log.conditions(), (std::vector<std::string>{"simplebuffer:0", "simplebuffer:buffer",
-                                                        "simplebuffer:buffer",
-                                                        "simplebuffer:buffer"}));
-  }
-}
-
 TEST(SimpleBuffer, CompareIsLexicographic) {
   struct Case {
     std::vector<unsigned char> a, b;
@@ -91,20 +69,6 @@ TEST(SimpleBuffer, OverflowingReserveIsRefused) {
   c.append(&x, 2, 0xFFFFFFFEu);
   EXPECT_EQ(c.getRecord(), SSimpleBuffer::GetEmptyBuffer());
   EXPECT_EQ(log.conditions(), std::vector<std::string>{"simplebuffer:0"});
-}
-
-TEST(SimpleBufferFile, SaveAndLoadRoundTrip) {
-  quentest::TempDir dir;
-  std::string const path = dir / "roundtrip";
-  SSimpleBuffer b = make({'h', 'e', 'l', 'l', 'o', 0, 0xFF});
-  ASSERT_TRUE(b.saveToFile(path.c_str(), true));
-  EXPECT_EQ(quentest::ReadFile(path), std::string("hello\0\xFF", 7));
-  for (bool map : {false, true}) {
-    SSimpleBuffer in;
-    ASSERT_TRUE(in.loadFromFile(path.c_str(), map, false));
-    EXPECT_EQ(in, b);
-    EXPECT_EQ(in.getRecord()->IsMapped(), map);
-  }
 }
 
 TEST(SimpleBufferFile, SaveReplacesAtomicallyAndKeepsMode) {

@@ -155,29 +155,6 @@ TEST_F(Utf8, CaseMappingFollowsTheLocale) {
   EXPECT_TRUE(seen.empty());
 }
 
-TEST_F(Utf8, CaseMappingOfInvalidBytesReportsAndKeepsThem) {
-  char text[] = "a\xFF" "b";
-  MakeUpperCase(text, static_cast<unsigned>(-1));
-  EXPECT_STREQ(text, "A\xFF" "B");
-  ASSERT_EQ(seen.size(), 2u);
-  EXPECT_EQ(seen[0].message, "MakeUpperCaseChar: Fail to convert to wchar_t");
-  EXPECT_EQ(seen[1].condition, "MakeUpperCaseChar(dest, strSize - (dest - s), &charSize)");
-  seen.clear();
-  SAnsiString s("X\xFF");
-  s.toLower();
-  EXPECT_EQ(bytes(s), "x\xFF");
-  ASSERT_EQ(seen.size(), 2u);
-  EXPECT_EQ(seen[0].message, "MakeLowerCaseChar: Fail to convert to wchar_t");
-  EXPECT_EQ(seen[1].condition, "MakeLowerCaseChar(dest, strSize - (dest - s), &charSize)");
-  EXPECT_EQ(MbChar('\xFF').toUpper(), MbChar());  // unmappable: zero character
-  seen.clear();
-  // A lead byte cut short is mapped from its own byte only.
-  SAnsiString cut("\xC3" "x\xC3");
-  cut.toUpper();
-  EXPECT_EQ(bytes(cut), "\xC3" "X\xC3");
-  EXPECT_EQ(seen.size(), 4u);
-}
-
 TEST_F(Utf8, CollationAndCaseInsensitiveClasses) {
   EXPECT_LT(SAnsiString("\xC3\xA9").compare(SAnsiString("\xE2\x82\xAC")), 0);
   EXPECT_EQ(SAnsiString("\xC3\x89T\xC3\x89").compareNoCase(SAnsiString("\xC3\xA9t\xC3\xA9")), 0);
@@ -200,18 +177,6 @@ TEST_F(Utf8, CollationAndCaseInsensitiveClasses) {
 
 // ---------------------------------------------------------------------------
 // EUC-JP (double-byte code page)
-
-TEST_F(EucJp, DoubleByteCharactersStepAsOne) {
-  SAnsiString s((std::string(kNichi) + kHon).c_str());
-  SAnsiString::iterator start(s), end(s.getString() + s.getLength()), second(s);
-  ++second;
-  EXPECT_EQ(second - start, 2);
-  EXPECT_EQ(end - start, 4);
-  EXPECT_EQ(s.getCharIndex(second), 1u);
-  EXPECT_EQ(s.getCharIndex(end), 2u);
-  EXPECT_EQ(s.getNChars(), 2u);
-  EXPECT_EQ(s.getAt(1u), MbChar(kHon, 2));
-}
 
 TEST_F(EucJp, ThreeByteAndKanaAndTruncatedCharacters) {
   SAnsiString s((std::string(kSupp) + kHalfKana + "a\xC6").c_str());

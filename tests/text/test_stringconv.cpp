@@ -145,40 +145,6 @@ TEST(StringConvToInteger, NegativeMagnitudeAboveMinimumFails) {
 // ---------------------------------------------------------------------------
 // Text to value, the iterator form
 
-bool ParseRange(char const* text, int32_t& out, int radix, unsigned from = 0, int to = -1) {
-  SAsciiString s(text);
-  SAsciiString::iterator b(s), e(s);
-  b += from;
-  e += to < 0 ? s.getLength() : static_cast<unsigned>(to);
-  return StringConvToIntegerIterator(b, e, out, INT32_MAX, INT32_MAX / radix, radix, true);
-}
-
-TEST(StringConvToIntegerIterator, OnlyPointStopsAndNoXIsSkipped) {
-  int32_t v = 5;
-  EXPECT_FALSE(ParseRange("12 34", v, 10));
-  EXPECT_EQ(v, 0);
-  EXPECT_FALSE(ParseRange("0x1F", v, 16));
-  EXPECT_TRUE(ParseRange("1F", v, 16));
-  EXPECT_EQ(v, 31);
-  EXPECT_TRUE(ParseRange("3.9", v, 10));
-  EXPECT_EQ(v, 3);
-  EXPECT_TRUE(ParseRange("", v, 10));
-  EXPECT_EQ(v, 0);
-  EXPECT_TRUE(ParseRange("-", v, 10));
-  EXPECT_EQ(v, 0);
-  EXPECT_TRUE(ParseRange("-2147483648", v, 10));
-  EXPECT_EQ(v, INT32_MIN);
-  EXPECT_FALSE(ParseRange("2147483648", v, 10));
-  EXPECT_FALSE(ParseRange("-2147483650", v, 10));
-  // Only the range is read: "id=42;" from 3 to 5.
-  EXPECT_TRUE(ParseRange("id=42;", v, 10, 3, 5));
-  EXPECT_EQ(v, 42);
-  // An empty or reversed range gives 0.
-  EXPECT_TRUE(ParseRange("-7", v, 10, 1, 1));
-  EXPECT_EQ(v, 0);
-  EXPECT_TRUE(ParseRange("77", v, 10, 2, 1));
-  EXPECT_EQ(v, 0);
-}
 
 // ---------------------------------------------------------------------------
 // Wrappers that write text

@@ -64,67 +64,6 @@ TEST(SIMap, InsertKeepsLastSpellingAndIgnoresCase) {
   EXPECT_FALSE(m.Lookup("missing", v));
 }
 
-TEST(SIMap, UpdateRemoveAndPositions) {
-  Map m;
-  EXPECT_TRUE(m.IsEmpty());
-  EXPECT_TRUE(m.GetLast() == m.End());
-  EXPECT_FALSE(m.Update("a", "1"));
-  m.SetAt("b", "2");
-  m.SetAt("a", "1");
-  m.SetAt("C", "3");
-  EXPECT_TRUE(m.Update("B", "20"));
-  EXPECT_EQ(S(m.Find("b").GetValue()), "20");
-  EXPECT_EQ(S(m.Find("b").GetKey().GetString()), "B");
-  EXPECT_TRUE(m.Find("zz") == m.End());
-  EXPECT_EQ(S(m.GetLast().GetKey().GetString()), "C");
-  EXPECT_EQ(S(m.BeginAt("AB").GetKey().GetString()), "B");
-  EXPECT_TRUE(m.RemoveKey("A"));
-  EXPECT_FALSE(m.RemoveKey("a"));
-  Map copy(m);
-  copy.Insert("d", "4");
-  m.Insert(copy);
-  EXPECT_EQ(m.GetCount(), 3);
-  EXPECT_TRUE(m == copy);
-  m.RemoveAll();
-  EXPECT_EQ(m.GetCount(), 0);
-}
-
-TEST(SISet, AddContainsRemove) {
-  SISet<int> s;
-  EXPECT_TRUE(s.Add(3));
-  EXPECT_TRUE(s.Add(1));
-  EXPECT_FALSE(s.Add(3));
-  EXPECT_TRUE(s.Contains(1));
-  EXPECT_FALSE(s.Contains(2));
-  EXPECT_EQ(*s.begin(), 1);
-  EXPECT_TRUE(s.Remove(1));
-  EXPECT_FALSE(s.Remove(1));
-  EXPECT_EQ(s.GetCount(), 1);
-}
-
-TEST(ConcatHelpers, Table) {
-  struct Case {
-    char const* a;
-    char const* b;
-    char const* want;
-  } const cases[] = {
-      {"x&", "&y", "x&&&y"}, {"x", "y", "x&y"},  {"x&", "y", "x&y"},
-      {"x", "&y", "x&y"},    {"", "&y", "&y"},   {"x&", "", "x&"},
-  };
-  for (auto const& c : cases)
-    EXPECT_EQ(S(CNameValuePairs::ConcatUrl(c.a, c.b)), c.want) << c.a << " + " << c.b;
-  EXPECT_EQ(S(CNameValuePairs::ConcatPairs("a", "", "b", nullptr)), "a&b");
-  EXPECT_EQ(S(CNameValuePairs::ConcatPairs("", "b", "c", nullptr)), "b&c");
-  EXPECT_EQ(S(CNameValuePairs::ConcatPairs(nullptr)), "");
-}
-
-TEST(Encode, PairsUntilNull) {
-  EXPECT_EQ(S(CNameValuePairs::Encode("id", "5", "n", "a b", nullptr)), "id=5&n=a+b");
-  EXPECT_EQ(S(CNameValuePairs::Encode("id", nullptr)), "");
-  EXPECT_EQ(S(CNameValuePairs::Encode("a", "1", "b", nullptr, "c", "3", nullptr)), "a=1");
-  EXPECT_EQ(S(CNameValuePairs::Encode("k-1", "", nullptr)), "k%2D1=");
-}
-
 TEST(PairReader, NextDecodesAndTraces) {
   ASSERT_TRUE(SLogger::Initialize(CParamLineArgs("prog -trace l"), false));
   TraceLog log;
@@ -139,21 +78,6 @@ TEST(PairReader, NextDecodesAndTraces) {
   EXPECT_EQ(got, (std::vector<std::string>{"a|1", "b c|x y", "flag|", "|v"}));
   ASSERT_FALSE(log.lines.empty());
   EXPECT_EQ(log.lines.front(), "Name a Value 1n");
-}
-
-TEST(PairReader, CodesetOverload) {
-  char const* old = std::setlocale(LC_ALL, nullptr);
-  std::string saved = old ? old : "C";
-  ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
-  CNameValuePairs pairs("n%E9=caf%E9&w=%u20AC");
-  SAnsiString name, value;
-  pairs.Next(name, value, MBCSCodesetConverter::ECS_Windows1252);
-  EXPECT_EQ(S(name), "n\xC3\xA9");
-  EXPECT_EQ(S(value), "caf\xC3\xA9");
-  pairs.Next(name, value, MBCSCodesetConverter::ECS_UTF8);
-  EXPECT_EQ(S(value), "\xE2\x82\xAC");
-  EXPECT_FALSE(pairs.HasMorePairs());
-  std::setlocale(LC_ALL, saved.c_str());
 }
 
 TEST(ParseParameter, GoodAndBadLists) {
@@ -188,15 +112,4 @@ TEST(ParseParameter, GoodAndBadLists) {
                 std::string("Error: Wrong number of parameters in URL [") + c.text + "]");
     }
   }
-}
-
-TEST(ParseParameter, AsciiIteratorForm) {
-  SAsciiString text("x=%41&y=b");
-  CMapNameValuePair map;
-  ASSERT_TRUE(map.ParseParameter(SAsciiString::iterator(text)));
-  SAnsiString v;
-  ASSERT_TRUE(map.Lookup("X", v));
-  EXPECT_EQ(S(v), "A");
-  CMapNameValuePair copy(map);
-  EXPECT_EQ(copy.GetCount(), 2);
 }

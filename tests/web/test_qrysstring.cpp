@@ -85,26 +85,6 @@ TEST(QueryString, Table) {
   }
 }
 
-TEST(QueryString, MultibyteCharactersAndCase) {
-  char const* old = std::setlocale(LC_ALL, nullptr);
-  std::string saved = old ? old : "C";
-  ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
-  EXPECT_TRUE(SQueryString("caf_").like("caf\xC3\xA9"));
-  EXPECT_TRUE(SQueryString("CAF\xC3\x89").like("caf\xC3\xA9"));  // É matches é
-  EXPECT_TRUE(SQueryString("[\xC3\xA9\xC3\xA8]t\xC3\xA9").like("\xC3\x88t\xC3\xA9"));
-  EXPECT_FALSE(SQueryString("__").like("\xC3\xA9"));
-  EXPECT_TRUE(SQueryString("%\xE2\x82\xAC").like("price 5\xE2\x82\xAC"));
-  // Two invalid bytes as range ends that together would read as one valid
-  // character: each end stays a character of its own.
-  SQueryString invalidEnds("[\xDB-\xAC]");
-  EXPECT_TRUE(invalidEnds.parse());
-  EXPECT_FALSE(invalidEnds.like("a"));
-  SQueryString invalidMembers("[\xC3" "a-b\xA9]");
-  EXPECT_TRUE(invalidMembers.like("\xA9"));
-  EXPECT_FALSE(invalidMembers.like("\xC3\xA9"));
-  std::setlocale(LC_ALL, saved.c_str());
-}
-
 TEST(QueryString, MalformedPatterns) {
   {
     AssertLog log;
@@ -137,27 +117,6 @@ TEST(QueryString, MalformedPatterns) {
     EXPECT_EQ(log.conditions[0], "checkInRange || checkOneOf");
     EXPECT_TRUE(Probe::Parse("^"));
   }
-}
-
-TEST(QueryString, ParsedSteps) {
-  SQueryString q("ab%[^x-z1]_");
-  ASSERT_TRUE(q.parse());
-  auto const& steps = q.GetSteps();
-  ASSERT_EQ(steps.GetSize(), 4);
-  EXPECT_EQ(steps[0].kind, SQueryString::QueryPatternOps::Literal);
-  EXPECT_EQ(S(steps[0].text), "ab");
-  EXPECT_EQ(steps[1].kind, SQueryString::QueryPatternOps::AnyRun);
-  EXPECT_EQ(steps[2].kind, SQueryString::QueryPatternOps::Bracket);
-  EXPECT_TRUE(steps[2].pattern.negate);
-  ASSERT_EQ(steps[2].pattern.ranges.GetSize(), 1);
-  EXPECT_EQ(S(steps[2].pattern.ranges[0]), "xz");
-  EXPECT_EQ(S(steps[2].pattern.oneOf), "1");
-  EXPECT_EQ(steps[3].kind, SQueryString::QueryPatternOps::AnyOne);
-  SQueryString copy(q);
-  EXPECT_TRUE(copy.like("abcd_"));
-  SQueryString assigned;
-  assigned = q;
-  EXPECT_FALSE(assigned.like("abx"));
 }
 
 TEST(QueryString, AgreesWithBacktrackingReference) {

@@ -57,86 +57,6 @@ struct Codec : CNameValuePairs {
 
 }  // namespace
 
-TEST_F(UrlEncode, FormTableClasses) {
-  for (unsigned c = 1; c < 256; ++c) {
-    char in[2] = {static_cast<char>(c), 0};
-    std::string got = S(CNameValuePairs::URLStrEncode(in));
-    bool plain = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                 c == '.' || c == '_';
-    char want[4];
-    std::snprintf(want, sizeof want, "%%%02X", c);
-    if (plain)
-      EXPECT_EQ(got, std::string(in)) << c;
-    else if (c == ' ')
-      EXPECT_EQ(got, "+");
-    else
-      EXPECT_EQ(got, want) << c;
-  }
-}
-
-TEST_F(UrlEncode, Table3Classes) {
-  for (unsigned c = 1; c < 0x100; ++c) {
-    WChar in[2] = {static_cast<WChar>(c), 0};
-    SAsciiString out;
-    CNameValuePairs::URLStrEncodeAppend3(out, in);
-    bool escaped = c < 0x20 || c > 0x7E || std::string("%+,={}&$").find(static_cast<char>(c)) !=
-                                               std::string::npos;
-    char want[4];
-    std::snprintf(want, sizeof want, "%%%02X", c);
-    EXPECT_EQ(S(out), escaped ? std::string(want) : std::string(1, static_cast<char>(c))) << c;
-  }
-}
-
-TEST_F(UrlEncode, DocumentedExamples) {
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncode(SAnsiString("a b-c~d"))), "a+b%2Dc%7Ed");
-  SWCharString w3;
-  CNameValuePairs::URLStrEncodeAppend3(w3, u"a b,c");
-  EXPECT_EQ(W(w3), u"a b%2Cc");
-  EXPECT_EQ(W(CNameValuePairs::URLStrEncode(SWCharString(u"\u20AC\u00E9 x"))), u"%u20AC%E9+x");
-  SAsciiString a("pre:");
-  CNameValuePairs::URLStrEncodeAppend(a, u"\u20AC*");
-  EXPECT_EQ(S(a), "pre:%u20AC%2A");
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncodeBytewise("a b", MBCSCodesetConverter::ECS_UTF8, true)),
-            "a%20b");
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncodeBytewise("a b", MBCSCodesetConverter::ECS_UTF8, false)),
-            "a+b");
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncode(SAnsiString("caf\xC3\xA9"))), "caf%C3%A9");
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncode(static_cast<char const*>(nullptr))), "");
-}
-
-TEST_F(UrlEncode, BytewiseSets) {
-  std::string const passWithFlag = "!#$&*+-./:<>?@_`~";
-  for (unsigned c = 1; c < 256; ++c) {
-    char in[2] = {static_cast<char>(c), 0};
-    bool alnum = std::isalnum(static_cast<int>(c)) && c < 0x80;
-    bool inSet = c < 0x80 && passWithFlag.find(static_cast<char>(c)) != std::string::npos;
-    char esc[4];
-    std::snprintf(esc, sizeof esc, "%%%02X", c);
-    std::string on = S(CNameValuePairs::URLStrEncodeBytewise(in, MBCSCodesetConverter::ECS_Native, true));
-    std::string off = S(CNameValuePairs::URLStrEncodeBytewise(in, MBCSCodesetConverter::ECS_Native, false));
-    EXPECT_EQ(on, alnum || inSet ? std::string(in) : std::string(esc)) << c;
-    EXPECT_EQ(off, alnum ? std::string(in) : c == ' ' ? std::string("+") : std::string(esc)) << c;
-  }
-  // The text is converted to the code set first.
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncodeBytewise("caf\xC3\xA9", MBCSCodesetConverter::ECS_Windows1252,
-                                                    false)),
-            "caf%E9");
-}
-
-TEST_F(UrlEncode, EscapeWideCharAndScanners) {
-  SWCharString out;
-  Codec::EscapeWideChar(u'a', out);
-  Codec::EscapeWideChar(u'\u00E9', out);
-  Codec::EscapeWideChar(u'\u20AC', out);
-  EXPECT_EQ(W(out), u"%61%E9%u20AC");
-  char const* p = "abc+def";
-  Codec::needURLDecode(p);
-  EXPECT_EQ(*p, '+');
-  WChar const* w = u"ab c,d";
-  Codec::needURLEncode3(w);
-  EXPECT_EQ(*w, u',');
-}
-
 TEST_F(UrlEncode, StrictDecoder) {
   struct Case {
     std::u16string in;
@@ -182,32 +102,6 @@ TEST_F(UrlEncode, LenientDecoders) {
   SWCharString out;
   EXPECT_TRUE(Codec::internalURLStrDecode(out, u"%zz", 3, true));
   EXPECT_EQ(W(out), u"zz");
-}
-
-TEST_F(UrlEncode, ConcatUntilEncoded) {
-  SAsciiString text("abc%41d");
-  SAsciiString::iterator from(text);
-  SAsciiString::iterator to(text.getString() + text.getLength());
-  SDecodedString d;
-  EXPECT_TRUE(d.concatUntilEncoded(from, to));
-  EXPECT_EQ(W(d), u"abc");
-  EXPECT_EQ(*from.operator*().getData().units, '%');
-  SAsciiString::iterator rest(text.getString() + 6);
-  EXPECT_FALSE(d.concatUntilEncoded(rest, to));
-  EXPECT_EQ(W(d), u"abcd");
-}
-
-TEST_F(UrlEncode, DecodeAndConvert) {
-  using MB = MBCSCodesetConverter;
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert(nullptr, MB::ECS_UTF8)), u"");
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert("caf%C3%A9+%u20AC!", MB::ECS_UTF8)),
-            u"caf\u00E9 \u20AC!");
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert("caf%E9", MB::ECS_Windows1252)), u"caf\u00E9");
-  // Malformed escapes stay as they are.
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert("%u12%zz%4", MB::ECS_UTF8)), u"%u12%zz%4");
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert("%uXYZW", MB::ECS_UTF8)), u"%uXYZW");
-  // Ill-formed UTF-8 bytes become U+FFFD.
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert("a%FFb", MB::ECS_UTF8)), u"a\uFFFDb");
 }
 
 TEST_F(UrlEncode, RoundTripsOfEveryByte) {

@@ -109,14 +109,6 @@ std::optional<std::string> ReadVb(std::string const& s) {
 
 }  // namespace
 
-TEST_F(WebEncode, MimeConstants) {
-  EXPECT_STREQ(SWebEncode::MIME_TYPE_HTML, "text/html");
-  EXPECT_STREQ(SWebEncode::MIME_TYPE_EPF, "application/x-epf");
-  EXPECT_STREQ(SWebEncode::MIME_TYPE_ETF, "application/x-etf");
-  EXPECT_STREQ(SWebEncode::MIME_TYPE_EMF, "application/x-emf");
-  EXPECT_STREQ(SWebEncode::MIME_TYPE_OCTET, "application/octet");
-}
-
 TEST_F(WebEncode, HtmlForms) {
   EXPECT_EQ(S(SWebEncode::HTMLEncode("a<b&c")), "a&lt;b&amp;c");
   EXPECT_EQ(S(SWebEncode::HTMLEncode("\"x\" 'y' >")), "&quot;x&quot; 'y' &gt;");
@@ -138,31 +130,6 @@ TEST_F(WebEncode, HtmlForms) {
                   &SWebEncode::HTMLNonBreakableSpaceStippled, &SWebEncode::URLEncodeSimple,
                   &SWebEncode::JavaScriptEncode, &SWebEncode::VBScriptStringEncode})
     EXPECT_EQ(S(fn(SAnsiString())), "");
-}
-
-TEST_F(WebEncode, UrlForms) {
-  using MB = MBCSCodesetConverter;
-  EXPECT_EQ(S(SWebEncode::URLEncodeSimple("a b-c")), "a+b%2Dc");
-  EXPECT_EQ(S(SWebEncode::URLEncode("a b/\xC3\xA9", MB::ECS_UTF8, true)), "a%20b/%C3%A9");
-  EXPECT_EQ(S(SWebEncode::URLEncode("\xC3\xA9", MB::ECS_Windows1252, false)), "%E9");
-  std::mt19937 rng(3);
-  for (int round = 0; round < 300; ++round) {
-    std::string in;
-    for (int k = static_cast<int>(rng() % 20); k > 0; --k) {
-      int pick = static_cast<int>(rng() % 4);
-      if (pick == 0) in += "\xC3\xA9";
-      else in.push_back(static_cast<char>(0x20 + rng() % 0x5F));
-    }
-    for (bool flag : {true, false}) {
-      SAnsiString enc = SWebEncode::URLEncode(in.c_str(), MB::ECS_UTF8, flag);
-      EXPECT_EQ(S(SWebEncode::URLDecodeEx(enc, MB::ECS_UTF8, flag)), in);
-      SAnsiString enc1252 = SWebEncode::URLEncode(in.c_str(), MB::ECS_Windows1252, flag);
-      EXPECT_EQ(S(SWebEncode::URLDecodeEx(enc1252, MB::ECS_Windows1252, flag)), in);
-    }
-    EXPECT_EQ(S(SWebEncode::URLDecodeEx(SWebEncode::URLEncodeSimple(in.c_str()))), in);
-  }
-  EXPECT_EQ(S(SWebEncode::URLDecodeEx("100%+%zz%4")), "100% %zz%4");
-  EXPECT_EQ(S(SWebEncode::URLDecodeEx("a+b%20c", MB::ECS_Native, true)), "a+b c");
 }
 
 TEST_F(WebEncode, ScriptExamples) {
