@@ -10,8 +10,6 @@
 
 namespace quentest {
 
-inline std::string str(QuenLibA500::SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
 // Points the registry store at a fresh directory for the test's length.
 class StoreTest : public ::testing::Test {
  protected:

@@ -1,9 +1,6 @@
 // SEventLog: file name components, event lines, size limit, failures.
 #include <quenlib/seventlog.h>
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
 #include <thread>
 
 #include "diagnostics_support.h"

@@ -1,10 +1,10 @@
 // Assertion channel: observers, source names, the enable switch.
-#include <quenlib/slogger.h>
 
-#include <gtest/gtest.h>
+#include <quenlib/paramlineargs.h>
 
-#include <string>
-#include <vector>
+#include <thread>
+
+#include "diagnostics_support.h"
 
 using namespace QuenLibA500;
 
@@ -46,11 +46,6 @@ TEST_F(AssertChannel, ReportsSourceNameWithoutDirectoryOrExtension) {
 // ---------------------------------------------------------------------------
 // The front end: lifecycle, context variables, call interception.
 
-#include <quenlib/paramlineargs.h>
-
-#include <thread>
-
-#include "diagnostics_support.h"
 
 namespace {
 

@@ -1,10 +1,5 @@
 // Logging plug-ins: loading, delivery, parameters, refusal of incomplete ones.
 #include <quenlib/paramlineargs.h>
-#include <quenlib/slogger.h>
-
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 
 #include "diagnostics_support.h"
 

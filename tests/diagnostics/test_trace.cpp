@@ -1,11 +1,7 @@
 // The trace bridge: level table, options and their messages, the should-
 // trace test, prefixes, the file/line filter, log files.
 #include <quenlib/paramlineargs.h>
-#include <quenlib/slogger.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <set>
 #include <thread>
 

@@ -1,17 +1,11 @@
 // Tracing under concurrency: writers into a rotating file, the settings
 // file updater, observers swapped while lines flow.
 #include <quenlib/paramlineargs.h>
-#include <quenlib/slogger.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <cctype>
 #include <thread>
-#include <vector>
 
 #include "diagnostics_support.h"
 

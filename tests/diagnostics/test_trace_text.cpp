@@ -3,8 +3,6 @@
 #include <quenlib/sstring.h>
 #include <quenlib/strace.h>
 
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cstdint>
 #include <stdexcept>

@@ -8,8 +8,6 @@
 
 namespace quentest {
 
-inline std::string str(QuenLibA500::SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
 class FilesTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(locale_.ok()); }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <quenlib/slogger.h>
+#include <quenlib/sstring.h>
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -19,6 +20,8 @@
 #include <vector>
 
 namespace quentest {
+
+inline std::string str(QuenLibA500::SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
 
 // Assertions reported while it lives; `only` keeps those of one source.
 struct AssertLog {
@@ -54,17 +57,18 @@ struct AssertLog {
   std::string only_;
 };
 
-// Trace lines delivered while it lives, as "file: text".
+// Trace lines delivered while it lives, as "file: text" and as bare text.
 struct TraceLog {
   TraceLog() { QuenLibA500::SetTraceObserver(&observe, this); }
   ~TraceLog() { QuenLibA500::SetTraceObserver(nullptr, nullptr); }
   TraceLog(TraceLog const&) = delete;
   TraceLog& operator=(TraceLog const&) = delete;
-  std::vector<std::string> lines;
+  std::vector<std::string> lines, texts;
 
  private:
   static void observe(void* ctx, int, char const* file, int, char const* text) {
     static_cast<TraceLog*>(ctx)->lines.push_back(std::string(file) + ": " + text);
+    static_cast<TraceLog*>(ctx)->texts.push_back(text);
   }
 };
 

@@ -1,32 +1,18 @@
 // Day numbering, the value classes and their conversions.
 #include <quenlib/sdatetime.h>
 
-#include <quenlib/slogger.h>
-
-#include <gtest/gtest.h>
+#include "time_support.h"
 
 #include <cmath>
-#include <cstdlib>
 #include <ctime>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 using namespace QuenLibA500;
 
 namespace {
 
-struct AssertLog {
-  std::vector<std::string> conditions;
-  static void Observe(void* ctx, char const*, int, char const* cond, char const*) {
-    static_cast<AssertLog*>(ctx)->conditions.push_back(cond ? cond : "");
-  }
-  AssertLog() { SetAssertObserver(&Observe, this); }
-  ~AssertLog() { SetAssertObserver(nullptr, nullptr); }
-};
-
-STimeZone const& Utc() { return STimeZone::TZ_UTC(); }
+using quentest::Utc;
 
 }  // namespace
 
@@ -107,7 +93,7 @@ TEST(SDateTimeDays, DateFieldsAndArithmetic) {
 }
 
 TEST(SDateTimeDays, InvalidValuesAssertAndStayInvalid) {
-  AssertLog log;
+  quentest::AssertLog log;
   SDate d;
   STime t;
   SDateTime dt;
@@ -118,8 +104,8 @@ TEST(SDateTimeDays, InvalidValuesAssertAndStayInvalid) {
   EXPECT_EQ(d.GetYear(), 0);
   EXPECT_EQ(t.GetHour(), 0);
   EXPECT_EQ(dt.GetMonth(), 0);
-  ASSERT_EQ(log.conditions.size(), 3u);
-  for (auto const& c : log.conditions) EXPECT_EQ(c, "IsValid()");
+  ASSERT_EQ(log.seen.size(), 3u);
+  for (auto const& c : log.seen) EXPECT_EQ(c.condition, "IsValid()");
   EXPECT_FALSE((d + STimeSpan(1, 0, 0, 0, 0)).IsValid());
   EXPECT_FALSE((t + STimeSpan(1000)).IsValid());
   SYSTEMTIME st{};
@@ -146,10 +132,10 @@ TEST(SDateTimeTime, WrapsWithinTheDay) {
 }
 
 TEST(SDateTimeTime, MillisecondOfAThousandIsReported) {
-  AssertLog log;
+  quentest::AssertLog log;
   STime t(0, 0, 0, 1000);
-  ASSERT_EQ(log.conditions.size(), 1u);
-  EXPECT_NE(log.conditions[0].find("1000"), std::string::npos);
+  ASSERT_EQ(log.seen.size(), 1u);
+  EXPECT_NE(log.seen[0].condition.find("1000"), std::string::npos);
   EXPECT_EQ(t.GetSecond(), 1);
 }
 

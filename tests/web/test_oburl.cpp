@@ -1,70 +1,60 @@
 // Object URLs: splitting, parsing, writing, typed properties, arrays,
 // date-times and the write-then-parse round trip.
-#include <gtest/gtest.h>
+#include "web_support.h"
 #include <quenlib/oburl.h>
-#include <quenlib/slogger.h>
 
 #include <cmath>
 #include <limits>
 #include <random>
-#include <string>
-#include <vector>
 
 using namespace QuenLibA500;
 
 namespace {
 
-std::string S(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-std::string S(SAsciiString const& s) { return std::string(s.getString(), s.getLength()); }
-
 std::vector<std::string> Props(CObUrl& url) {
   std::vector<std::string> out;
   for (auto it = url.Begin(); it != url.End(); ++it)
-    out.push_back(S(url.GetName(it)) + "=" + S(url.GetValueString(it)));
+    out.push_back(quentest::str(url.GetName(it)) + "=" + quentest::str(url.GetValueString(it)));
   return out;
 }
 
-struct QuietAsserts {
-  static void observe(void*, char const*, int, char const*, char const*) {}
-  QuietAsserts() { SetAssertObserver(&observe, nullptr); }
-  ~QuietAsserts() { SetAssertObserver(nullptr, nullptr); }
-};
+using QuietAsserts = quentest::AssertLog;
 
 }  // namespace
 
 TEST(ObUrl, ParseAndWrite) {
   CObUrl url(SAnsiString("rpt?id=5&Name=a+b"));
-  EXPECT_EQ(S(url.GetProtocol()), "object");
-  EXPECT_EQ(S(url.GetObjectUrl()), "rpt");
+  EXPECT_EQ(quentest::str(url.GetProtocol()), "object");
+  EXPECT_EQ(quentest::str(url.GetObjectUrl()), "rpt");
   SAnsiString v;
   ASSERT_TRUE(url.GetPropString("NAME", v));
-  EXPECT_EQ(S(v), "a b");
-  EXPECT_EQ(S(url.MakeURL()), "rpt?id=5&Name=a+b");
-  EXPECT_EQ(S(url.MakeURLA()), "rpt?id=5&Name=a+b");
+  EXPECT_EQ(quentest::str(v), "a b");
+  EXPECT_EQ(quentest::str(url.MakeURL()), "rpt?id=5&Name=a+b");
+  EXPECT_EQ(quentest::str(url.MakeURLA()), "rpt?id=5&Name=a+b");
 
   CObUrl bare(SAnsiString("id=5"));
-  EXPECT_EQ(S(bare.GetObjectUrl()), "");
-  EXPECT_EQ(S(bare.MakeURL()), "id=5");
+  EXPECT_EQ(quentest::str(bare.GetObjectUrl()), "");
+  EXPECT_EQ(quentest::str(bare.MakeURL()), "id=5");
 
   CObUrl empty;
   empty.SetObjectUrl("obj");
-  EXPECT_EQ(S(empty.MakeURL()), "obj?");
+  EXPECT_EQ(quentest::str(empty.MakeURL()), "obj?");
   CObUrl none;
-  EXPECT_EQ(S(none.MakeURL()), "");
+  EXPECT_EQ(quentest::str(none.MakeURL()), "");
 }
 
 TEST(ObUrl, SplitFullURL) {
   SAnsiString object("kept"), query;
   EXPECT_FALSE(CObUrl::SplitFullURL(SAnsiString("a=1"), object, query));
-  EXPECT_EQ(S(object), "kept");
-  EXPECT_EQ(S(query), "a=1");
+  EXPECT_EQ(quentest::str(object), "kept");
+  EXPECT_EQ(quentest::str(query), "a=1");
   EXPECT_TRUE(CObUrl::SplitFullURL(SAnsiString("o/p?a=1?b"), object, query));
-  EXPECT_EQ(S(object), "o/p");
-  EXPECT_EQ(S(query), "a=1?b");
+  EXPECT_EQ(quentest::str(object), "o/p");
+  EXPECT_EQ(quentest::str(query), "a=1?b");
   SAsciiString full("x?y=2");
   SAsciiString::iterator it;
   EXPECT_TRUE(CObUrl::SplitFullURL(full, object, it));
-  EXPECT_EQ(S(object), "x");
+  EXPECT_EQ(quentest::str(object), "x");
   EXPECT_EQ((*it).getChar(), 'y');
 }
 
@@ -73,17 +63,17 @@ TEST(ObUrl, DateTimes) {
   url.SetPropDateTime("at", SDateTime(1970, 1, 1, 0, 0, 1, 0, STimeZone::TZ_UTC()));
   SAnsiString text;
   url.GetPropString("at", text);
-  EXPECT_EQ(S(text), "1000");
+  EXPECT_EQ(quentest::str(text), "1000");
   SDateTime before(1969, 12, 31, 23, 59, 59, 500, STimeZone::TZ_UTC());
   url.SetPropDateTime("old", before);
   url.GetPropString("old", text);
-  EXPECT_EQ(S(text), "-500");
+  EXPECT_EQ(quentest::str(text), "-500");
   SDateTime got;
   ASSERT_TRUE(url.GetPropDateTime("old", got));
   EXPECT_TRUE(got == before);
   url.SetPropDateTime("invalid", SDateTime());
   url.GetPropString("invalid", text);
-  EXPECT_EQ(S(text), "");
+  EXPECT_EQ(quentest::str(text), "");
   got = before;
   EXPECT_TRUE(url.GetPropDateTime("invalid", got));
   EXPECT_FALSE(got.IsValid());
@@ -100,7 +90,7 @@ TEST(ObUrl, Arrays) {
   url.SetPropStringArray("names", &names);
   SAnsiString text;
   url.GetPropString("names", text);
-  EXPECT_EQ(S(text), "0=first&1=a+b%26c%3Dd&2=");
+  EXPECT_EQ(quentest::str(text), "0=first&1=a+b%26c%3Dd&2=");
   SIArray<SAnsiString> back{"stale"};
   ASSERT_TRUE(url.GetPropStringArray("NAMES", &back));
   EXPECT_TRUE(back == names);
@@ -109,7 +99,7 @@ TEST(ObUrl, Arrays) {
   SIArray<DWORD> nums{1, 4294967295u, 0};
   url.SetPropDWordArray("n", &nums);
   url.GetPropString("n", text);
-  EXPECT_EQ(S(text), "0=1&1=4294967295&2=0");
+  EXPECT_EQ(quentest::str(text), "0=1&1=4294967295&2=0");
   SIArray<DWORD> numsBack;
   ASSERT_TRUE(url.GetPropDWordArray("n", &numsBack));
   EXPECT_TRUE(numsBack == nums);
@@ -137,6 +127,6 @@ TEST(ObUrl, WriteThenParseKeepsProperties) {
     }
     CObUrl back(url.MakeURL());
     EXPECT_EQ(Props(back), Props(url));
-    EXPECT_EQ(S(back.GetObjectUrl()), S(url.GetObjectUrl()));
+    EXPECT_EQ(quentest::str(back.GetObjectUrl()), quentest::str(url.GetObjectUrl()));
   }
 }

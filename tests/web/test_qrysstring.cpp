@@ -1,29 +1,15 @@
 // LIKE-style patterns: grammar, case rules, malformed patterns, the cost
 // bound, and the helpers for plain text.
-#include <gtest/gtest.h>
+#include "web_support.h"
 #include <quenlib/qrysstring.h>
-#include <quenlib/slogger.h>
 
 #include <chrono>
-#include <clocale>
 #include <random>
-#include <string>
-#include <vector>
 
 using namespace QuenLibA500;
 
 namespace {
 
-std::string S(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
-struct AssertLog {
-  std::vector<std::string> conditions;
-  static void observe(void* ctx, char const*, int, char const* cond, char const*) {
-    static_cast<AssertLog*>(ctx)->conditions.push_back(cond);
-  }
-  AssertLog() { SetAssertObserver(&observe, this); }
-  ~AssertLog() { SetAssertObserver(nullptr, nullptr); }
-};
 
 // A plain backtracking matcher over bytes (ASCII only), as the reference
 // for the randomized comparison.
@@ -87,25 +73,25 @@ TEST(QueryString, Table) {
 
 TEST(QueryString, MalformedPatterns) {
   {
-    AssertLog log;
+    quentest::AssertLog log;
     SQueryString q("ab[cd");
     EXPECT_FALSE(q.parse());
     EXPECT_FALSE(q.like("abc"));
-    ASSERT_FALSE(log.conditions.empty());
-    EXPECT_EQ(log.conditions[0], "closeIter");
+    ASSERT_FALSE(log.seen.empty());
+    EXPECT_EQ(log.seen[0].condition, "closeIter");
   }
   {
     // "]" right after "[" is a member, so this bracket is never closed.
-    AssertLog log;
+    quentest::AssertLog log;
     SQueryString q("a[]b");
     EXPECT_FALSE(q.parse());
-    ASSERT_FALSE(log.conditions.empty());
-    EXPECT_EQ(log.conditions[0], "closeIter");
+    ASSERT_FALSE(log.seen.empty());
+    EXPECT_EQ(log.seen[0].condition, "closeIter");
   }
   {
     // The empty set cannot be written in a pattern; the set parser still
     // refuses it.
-    AssertLog log;
+    quentest::AssertLog log;
     struct Probe : SQueryString {
       static bool Parse(char const* inner) {
         QueryPattern p;
@@ -113,8 +99,8 @@ TEST(QueryString, MalformedPatterns) {
       }
     };
     EXPECT_FALSE(Probe::Parse(""));
-    ASSERT_EQ(log.conditions.size(), 1u);
-    EXPECT_EQ(log.conditions[0], "checkInRange || checkOneOf");
+    ASSERT_EQ(log.seen.size(), 1u);
+    EXPECT_EQ(log.seen[0].condition, "checkInRange || checkOneOf");
     EXPECT_TRUE(Probe::Parse("^"));
   }
 }
@@ -164,17 +150,17 @@ TEST(QueryStringHelpers, WildcardsAndQuoting) {
   EXPECT_FALSE(SQueryString::ContainsWildcards("plainword"));
   EXPECT_TRUE(SQueryString::ContainsWildcards("a_b"));
   EXPECT_TRUE(SQueryString::ContainsWildcards("x]"));
-  EXPECT_EQ(S(SQueryString::WrapWildCardCharsFromString("*_x")), "%[_]x");
-  EXPECT_EQ(S(SQueryString::WrapWildCardCharsFromString("50%[a]")), "50[%][[]a[]]");
-  EXPECT_EQ(S(SQueryString::WrapWildCardCharsFromString(nullptr)), "");
+  EXPECT_EQ(quentest::str(SQueryString::WrapWildCardCharsFromString("*_x")), "%[_]x");
+  EXPECT_EQ(quentest::str(SQueryString::WrapWildCardCharsFromString("50%[a]")), "50[%][[]a[]]");
+  EXPECT_EQ(quentest::str(SQueryString::WrapWildCardCharsFromString(nullptr)), "");
   // A wrapped user text matches itself literally.
   SAnsiString wrapped = SQueryString::WrapWildCardCharsFromString("a_%[]b");
   EXPECT_TRUE(SQueryString(wrapped).like("a_%[]b"));
   EXPECT_FALSE(SQueryString(wrapped).like("axy[]b"));
   SAnsiString v("O'Neil");
   EXPECT_TRUE(SInfoQueryString::ValidateAStringValue(v));
-  EXPECT_EQ(S(v), "'O''Neil'");
+  EXPECT_EQ(quentest::str(v), "'O''Neil'");
   SAnsiString empty;
   EXPECT_TRUE(SInfoQueryString::ValidateAStringValue(empty));
-  EXPECT_EQ(S(empty), "''");
+  EXPECT_EQ(quentest::str(empty), "''");
 }

@@ -1,51 +1,17 @@
 // Percent-encoding and decoding: the escape tables, the wide and multibyte
 // forms, the strict and lenient decoders, and a cross-check of the form
 // table and the decoder against Python's urllib.parse.
-#include <gtest/gtest.h>
+#include "web_support.h"
 #include <quenlib/nvpairs.h>
-#include <quenlib/slogger.h>
 
-#include <clocale>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <random>
 #include <sstream>
-#include <string>
-#include <unistd.h>
-#include <vector>
 
 using namespace QuenLibA500;
 
 namespace {
 
-std::string S(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-std::string S(SAsciiString const& s) { return std::string(s.getString(), s.getLength()); }
-std::u16string W(SWCharString const& s) { return std::u16string(s.getString(), s.getLength()); }
-
-struct AssertCount {
-  int count = 0;
-  std::string last;
-  static void observe(void* ctx, char const*, int, char const* cond, char const*) {
-    auto* self = static_cast<AssertCount*>(ctx);
-    ++self->count;
-    self->last = cond;
-  }
-  AssertCount() { SetAssertObserver(&observe, this); }
-  ~AssertCount() { SetAssertObserver(nullptr, nullptr); }
-};
-
-// Runs the test body in C.UTF-8 and restores the previous locale.
-class UrlEncode : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char const* old = std::setlocale(LC_ALL, nullptr);
-    saved_ = old ? old : "C";
-    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
-  }
-  void TearDown() override { std::setlocale(LC_ALL, saved_.c_str()); }
-  std::string saved_;
-};
+using UrlEncode = quentest::Utf8Test;
 
 // Exposes the protected members for testing.
 struct Codec : CNameValuePairs {
@@ -72,7 +38,7 @@ TEST_F(UrlEncode, StrictDecoder) {
     bool ok = CNameValuePairs::tryURLStrDecode(out, c.in.c_str(), static_cast<unsigned>(c.in.size()));
     EXPECT_EQ(ok, c.ok);
     if (ok && c.ok) {
-      EXPECT_EQ(W(out), c.out);
+      EXPECT_EQ(quentest::wstr(out), c.out);
     }
   }
   SAsciiString a;
@@ -81,27 +47,27 @@ TEST_F(UrlEncode, StrictDecoder) {
   EXPECT_FALSE(decoded);
   EXPECT_TRUE(CNameValuePairs::tryURLStrDecode(a, "a%41+%u00FF", 11, &decoded));
   EXPECT_TRUE(decoded);
-  EXPECT_EQ(S(a), "aA \xFF");
+  EXPECT_EQ(quentest::str(a), "aA \xFF");
   EXPECT_FALSE(CNameValuePairs::tryURLStrDecode(a, "%u0100", 6, nullptr));
   EXPECT_FALSE(CNameValuePairs::tryURLStrDecode(a, "%4", 2, nullptr));
 }
 
 TEST_F(UrlEncode, LenientDecoders) {
-  AssertCount asserts;
+  quentest::AssertLog asserts;
   // Wide: the bad "%" is dropped, the characters after it kept.
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecode(SWCharString(u"a%G1b%4"))), u"aG1b4");
-  EXPECT_EQ(asserts.count, 2);
-  EXPECT_EQ(asserts.last, "This should never happen, since the data should be encoded correctly");
+  EXPECT_EQ(quentest::wstr(CNameValuePairs::URLStrDecode(SWCharString(u"a%G1b%4"))), u"aG1b4");
+  EXPECT_EQ(asserts.seen.size(), 2u);
+  EXPECT_EQ(asserts.seen.back().condition, "This should never happen, since the data should be encoded correctly");
   // Multibyte: the bad escape is kept as text.
-  EXPECT_EQ(S(CNameValuePairs::URLStrDecode(SAnsiString("a%G1b%4"))), "a%G1b%4");
-  EXPECT_EQ(S(CNameValuePairs::URLStrDecode(SAnsiString("%u20AC+%e9"))), "\xE2\x82\xAC \xE9");
+  EXPECT_EQ(quentest::str(CNameValuePairs::URLStrDecode(SAnsiString("a%G1b%4"))), "a%G1b%4");
+  EXPECT_EQ(quentest::str(CNameValuePairs::URLStrDecode(SAnsiString("%u20AC+%e9"))), "\xE2\x82\xAC \xE9");
   SAsciiString text("x%41%u00E9+y");
   SDecodedString d = CNameValuePairs::URLStrDecode(SAsciiString::iterator(text),
                                                    SAsciiString::iterator(text.getString() + text.getLength()));
-  EXPECT_EQ(W(d), u"xA\u00E9 y");
+  EXPECT_EQ(quentest::wstr(d), u"xA\u00E9 y");
   SWCharString out;
   EXPECT_TRUE(Codec::internalURLStrDecode(out, u"%zz", 3, true));
-  EXPECT_EQ(W(out), u"zz");
+  EXPECT_EQ(quentest::wstr(out), u"zz");
 }
 
 TEST_F(UrlEncode, RoundTripsOfEveryByte) {
@@ -110,14 +76,14 @@ TEST_F(UrlEncode, RoundTripsOfEveryByte) {
     std::string in;
     int n = static_cast<int>(rng() % 40);
     for (int i = 0; i < n; ++i) in.push_back(static_cast<char>(1 + rng() % 255));
-    std::string enc = S(CNameValuePairs::URLStrEncode(in.c_str()));
-    EXPECT_EQ(S(CNameValuePairs::URLStrDecode(SAnsiString(enc.c_str()))), in);
+    std::string enc = quentest::str(CNameValuePairs::URLStrEncode(in.c_str()));
+    EXPECT_EQ(quentest::str(CNameValuePairs::URLStrDecode(SAnsiString(enc.c_str()))), in);
     std::u16string win;
     for (int i = 0; i < n; ++i) win.push_back(static_cast<WChar>(1 + rng() % 0xFFFE));
     SWCharString wenc = CNameValuePairs::URLStrEncode(SWCharString(win.c_str()));
     SWCharString wdec;
     ASSERT_TRUE(CNameValuePairs::tryURLStrDecode(wdec, wenc.getString(), wenc.getLength()));
-    EXPECT_EQ(W(wdec), win);
+    EXPECT_EQ(quentest::wstr(wdec), win);
   }
 }
 
@@ -213,9 +179,9 @@ TEST_F(UrlEncode, AgreesWithPythonUrllib) {
     ASSERT_TRUE(std::getline(results, line));
     std::string py = Unhex(line);
     if (kind == 'E') {
-      EXPECT_EQ(S(CNameValuePairs::URLStrEncode(s.c_str())), FormFromPython(py)) << Hex(s);
+      EXPECT_EQ(quentest::str(CNameValuePairs::URLStrEncode(s.c_str())), FormFromPython(py)) << Hex(s);
     } else {
-      EXPECT_EQ(S(CNameValuePairs::URLStrDecode(SAnsiString(s.c_str()))), py) << s;
+      EXPECT_EQ(quentest::str(CNameValuePairs::URLStrDecode(SAnsiString(s.c_str()))), py) << s;
     }
     ++checked;
   }

@@ -1,32 +1,19 @@
 // HTML and script encoders: fixed cases, and a generated corpus checked by
 // decoders of the two script-literal forms (nothing unsafe gets through,
 // and the literal means the original text).
-#include <gtest/gtest.h>
+#include "web_support.h"
 #include <quenlib/webencode.h>
 
 #include <cctype>
-#include <clocale>
 #include <cstring>
 #include <optional>
 #include <random>
-#include <string>
 
 using namespace QuenLibA500;
 
 namespace {
 
-std::string S(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
-class WebEncode : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char const* old = std::setlocale(LC_ALL, nullptr);
-    saved_ = old ? old : "C";
-    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
-  }
-  void TearDown() override { std::setlocale(LC_ALL, saved_.c_str()); }
-  std::string saved_;
-};
+using WebEncode = quentest::Utf8Test;
 
 bool Forbidden(unsigned char c) {
   return c < 0x20 || c == 0x7F || c == '"' || c == '\\' || c == '<' || c == '>';
@@ -110,10 +97,10 @@ std::optional<std::string> ReadVb(std::string const& s) {
 }  // namespace
 
 TEST_F(WebEncode, HtmlForms) {
-  EXPECT_EQ(S(SWebEncode::HTMLEncode("a<b&c")), "a&lt;b&amp;c");
-  EXPECT_EQ(S(SWebEncode::HTMLEncode("\"x\" 'y' >")), "&quot;x&quot; 'y' &gt;");
-  EXPECT_EQ(S(SWebEncode::HTMLEncode("caf\xC3\xA9")), "caf\xC3\xA9");
-  EXPECT_EQ(S(SWebEncode::HTMLNonBreakableSpace("a b")), "a&nbsp;b");
+  EXPECT_EQ(quentest::str(SWebEncode::HTMLEncode("a<b&c")), "a&lt;b&amp;c");
+  EXPECT_EQ(quentest::str(SWebEncode::HTMLEncode("\"x\" 'y' >")), "&quot;x&quot; 'y' &gt;");
+  EXPECT_EQ(quentest::str(SWebEncode::HTMLEncode("caf\xC3\xA9")), "caf\xC3\xA9");
+  EXPECT_EQ(quentest::str(SWebEncode::HTMLNonBreakableSpace("a b")), "a&nbsp;b");
   struct Case {
     char const* in;
     char const* out;
@@ -125,19 +112,19 @@ TEST_F(WebEncode, HtmlForms) {
       {"a  b", "a &nbsp;b"},
       {"a   b", "a &nbsp; b"},
   };
-  for (auto const& c : stippled) EXPECT_EQ(S(SWebEncode::HTMLNonBreakableSpaceStippled(c.in)), c.out) << c.in;
+  for (auto const& c : stippled) EXPECT_EQ(quentest::str(SWebEncode::HTMLNonBreakableSpaceStippled(c.in)), c.out) << c.in;
   for (auto fn : {&SWebEncode::HTMLEncode, &SWebEncode::HTMLNonBreakableSpace,
                   &SWebEncode::HTMLNonBreakableSpaceStippled, &SWebEncode::URLEncodeSimple,
                   &SWebEncode::JavaScriptEncode, &SWebEncode::VBScriptStringEncode})
-    EXPECT_EQ(S(fn(SAnsiString())), "");
+    EXPECT_EQ(quentest::str(fn(SAnsiString())), "");
 }
 
 TEST_F(WebEncode, ScriptExamples) {
-  EXPECT_EQ(S(SWebEncode::JavaScriptEncode("say \"hi\"\n")), "say \\x22hi\\x22\\n");
-  EXPECT_EQ(S(SWebEncode::JavaScriptEncode("</script>")), "\\x3C/script\\x3E");
-  EXPECT_EQ(S(SWebEncode::JavaScriptEncode("a\\b\x01\xE2\x80\xA8")), "a\\\\b\\x01\\u2028");
-  EXPECT_EQ(S(SWebEncode::VBScriptStringEncode("say \"hi\"")), "say \"\"hi\"\"");
-  EXPECT_EQ(S(SWebEncode::VBScriptStringEncode("a\nb")), "a\" & Chr(10) & \"b");
+  EXPECT_EQ(quentest::str(SWebEncode::JavaScriptEncode("say \"hi\"\n")), "say \\x22hi\\x22\\n");
+  EXPECT_EQ(quentest::str(SWebEncode::JavaScriptEncode("</script>")), "\\x3C/script\\x3E");
+  EXPECT_EQ(quentest::str(SWebEncode::JavaScriptEncode("a\\b\x01\xE2\x80\xA8")), "a\\\\b\\x01\\u2028");
+  EXPECT_EQ(quentest::str(SWebEncode::VBScriptStringEncode("say \"hi\"")), "say \"\"hi\"\"");
+  EXPECT_EQ(quentest::str(SWebEncode::VBScriptStringEncode("a\nb")), "a\" & Chr(10) & \"b");
 }
 
 TEST_F(WebEncode, ScriptLiteralsAreSafeOnGeneratedCorpus) {
@@ -154,8 +141,8 @@ TEST_F(WebEncode, ScriptLiteralsAreSafeOnGeneratedCorpus) {
       else
         in += pieces[rng() % (sizeof pieces / sizeof pieces[0])];
     }
-    std::string js = S(SWebEncode::JavaScriptEncode(in.c_str()));
-    std::string vb = S(SWebEncode::VBScriptStringEncode(in.c_str()));
+    std::string js = quentest::str(SWebEncode::JavaScriptEncode(in.c_str()));
+    std::string vb = quentest::str(SWebEncode::VBScriptStringEncode(in.c_str()));
     auto jsBack = ReadJs(js);
     auto vbBack = ReadVb(vb);
     ASSERT_TRUE(jsBack.has_value()) << js;
