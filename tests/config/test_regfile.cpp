@@ -64,27 +64,6 @@ TEST(RegFileParse, EveryValueForm) {
   EXPECT_EQ(f.keys[0].values, want);
 }
 
-TEST(RegFileParse, EncodingsAndOldHeader) {
-  std::string body = "\r\n[HKCU\\A]\r\n\"k\"=\"\xc3\xa9t\xc3\xa9\"\r\n";
-  RegFile utf8bom, utf16;
-  ASSERT_TRUE(utf8bom.parse("\xef\xbb\xbfWindows Registry Editor Version 5.00" + body));
-  std::string wide = "\xff\xfe";
-  for (char16_t c : u"Windows Registry Editor Version 5.00\r\n\r\n[HKCU\\A]\r\n\"k\"=\"\u00e9t\u00e9\"\r\n")
-    if (c) wide += std::string{static_cast<char>(c & 0xff), static_cast<char>(c >> 8)};
-  ASSERT_TRUE(utf16.parse(wide));
-  EXPECT_EQ(utf8bom.keys, utf16.keys);
-  EXPECT_EQ(utf16.keys[0].values[0].data, "\xc3\xa9t\xc3\xa9\0"s);
-
-  // The old header's hex(2) holds bytes, not UTF-16.
-  RegFile old;
-  ASSERT_TRUE(old.parse("REGEDIT4\n\n[HKLM\\B]\n\"p\"=hex(2):25,41,25,00\n"));
-  EXPECT_EQ(old.keys[0].values[0].data, "%A%\0"s);
-  // LF-only files and blank lines before the header are fine.
-  RegFile lf;
-  EXPECT_TRUE(lf.parse("\n\nWindows Registry Editor Version 5.00\n[HKU\\x]\n@=dword:1\n"));
-  EXPECT_EQ(lf.keys[0].values[0].data, "\x01\0\0\0"s);
-}
-
 TEST(RegFileParse, ErrorsNameTheLine) {
   struct {
     char const* text;
@@ -155,35 +134,6 @@ TEST(RegFileWrite, ExactText) {
   RegFile back;
   ASSERT_TRUE(back.parse(want));
   EXPECT_EQ(back.keys, f.keys);
-}
-
-TEST_F(RegFileStore, ImportHandWrittenFile) {
-  HKEY old = nullptr;
-  ASSERT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "Software\\Old\\Child", 0, nullptr, 0, KEY_WRITE, nullptr,
-                            &old, nullptr),
-            ERROR_SUCCESS);
-  RegCloseKey(old);
-  HKEY ex = nullptr;
-  ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "Software\\Example", 0, nullptr, 0, KEY_WRITE, nullptr, &ex,
-                            nullptr),
-            ERROR_SUCCESS);
-  ASSERT_EQ(RegSetValueExA(ex, "Gone", 0, REG_SZ, reinterpret_cast<BYTE const*>("x"), 2), ERROR_SUCCESS);
-  RegCloseKey(ex);
-
-  RegFile f;
-  ASSERT_TRUE(f.parse(kEveryForm));
-  std::string error;
-  ASSERT_EQ(f.import(&error), ERROR_SUCCESS) << error;
-  DWORD type = 0;
-  EXPECT_EQ(rawGet(HKEY_LOCAL_MACHINE, "Software\\Example", "", &type), "default text\0"s);
-  EXPECT_EQ(rawGet(HKEY_LOCAL_MACHINE, "software\\example", "count", &type), "\x2a\0\0\0"s);
-  EXPECT_EQ(type, REG_DWORD);
-  EXPECT_EQ(rawGet(HKEY_LOCAL_MACHINE, "Software\\Example", "List", &type), "a\0bc\0\0"s);
-  EXPECT_EQ(type, REG_MULTI_SZ);
-  EXPECT_EQ(rawGet(HKEY_LOCAL_MACHINE, "Software\\Example", "Gone"), "<absent>");
-  EXPECT_EQ(rawGet(HKEY_LOCAL_MACHINE, "Software\\Example\\Sub Key", "x"), "y\0"s);
-  EXPECT_EQ(rawGet(HKEY_CURRENT_USER, "Software\\Old", "x"), "<no key>");
-  EXPECT_EQ(rawGet(HKEY_CURRENT_USER, "Software", "x"), "<absent>");  // only the tree went
 }
 
 TEST_F(RegFileStore, ExportThenImportIntoEmptyStoreGivesEqualTree) {

@@ -27,22 +27,6 @@ Registry reg(char const* path, HKEY root = HKEY_CURRENT_USER) { return Registry(
 
 }  // namespace
 
-TEST_F(RegistryTest, OpensNothingUntilUsedAndFindsKeysCreatedLater) {
-  Registry r = reg("Software\\Lazy");
-  EXPECT_FALSE(fs::exists(dir + "/user.db"));
-  EXPECT_FALSE(r.KeyExists());
-  EXPECT_EQ(str(r.ReadValue("v")), "");
-  EXPECT_FALSE(fs::exists(dir + "/user.db"));  // reads create nothing
-  Registry writer = reg("Software\\Lazy");
-  ASSERT_TRUE(writer.WriteValue("v", SAnsiString("later")));
-  EXPECT_EQ(str(r.ReadValue("v")), "later");  // opened at the next read
-  EXPECT_TRUE(r.KeyExists());
-  Registry prefixed("Lazy", "Software\\", HKEY_CURRENT_USER, false);
-  EXPECT_EQ(str(prefixed.GetKeyName()), "Software\\Lazy");
-  EXPECT_EQ(str(prefixed.ReadValue("V")), "later");
-  EXPECT_TRUE(seen.empty());
-}
-
 TEST_F(RegistryTest, ReadsEachTypeAsText) {
   setenv("QL_REG_TEST_HOME", "/home/tester", 1);
   rawSet(HKEY_CURRENT_USER, "Types", "sz", REG_SZ, std::string("text\0", 5));
@@ -134,45 +118,6 @@ TEST_F(RegistryTest, DeleteValueAndKeys) {
   EXPECT_TRUE(child.DeleteKey());  // absent counts as deleted
   EXPECT_TRUE(parent.DeleteKey());
   EXPECT_FALSE(reg("Software\\Del").KeyExists());
-}
-
-TEST_F(RegistryTest, DeleteKeyRecursive) {
-  for (char const* p : {"Tree\\A\\A1", "Tree\\A\\A2\\Deep", "Tree\\B"})
-    ASSERT_TRUE(reg(p).WriteValue("v", SAnsiString(p)));
-  Registry tree = reg("Tree");
-  ASSERT_TRUE(tree.WriteValue("top", SAnsiString("kept")));
-  EXPECT_TRUE(tree.DeleteKeyRecursive(false));
-  EXPECT_TRUE(tree.KeyExists());
-  EXPECT_FALSE(tree.EnumSubKeys());
-  EXPECT_EQ(str(tree.ReadValue("top")), "kept");
-  ASSERT_TRUE(reg("Tree\\C\\D").WriteValue("v", SAnsiString("x")));
-  EXPECT_TRUE(tree.DeleteKeyRecursive(true));
-  EXPECT_FALSE(reg("Tree").KeyExists());
-  EXPECT_TRUE(reg("Never").DeleteKeyRecursive(true));
-  EXPECT_TRUE(seen.empty());
-}
-
-TEST_F(RegistryTest, CopyValueAndCopyKey) {
-  Registry src = reg("Src");
-  ASSERT_TRUE(src.WriteValue("num", 42u));
-  ASSERT_TRUE(src.WriteValue("text", SAnsiString("hello")));
-  ASSERT_TRUE(reg("Src\\Sub\\Leaf").WriteValue("deep", 7u));
-  rawSet(HKEY_CURRENT_USER, "Src", "bin", REG_BINARY, "xyz");
-
-  EXPECT_TRUE(Registry::CopyValue(HKEY_CURRENT_USER, "Src", "num", HKEY_LOCAL_MACHINE, "One", "renamed"));
-  DWORD type = 0;
-  ASSERT_TRUE(rawType(HKEY_LOCAL_MACHINE, "One", "renamed", type));
-  EXPECT_EQ(type, REG_DWORD);
-
-  EXPECT_TRUE(Registry::CopyKey(HKEY_CURRENT_USER, "Src", HKEY_LOCAL_MACHINE, "Dst"));
-  Registry dst = reg("Dst", HKEY_LOCAL_MACHINE);
-  EXPECT_EQ(str(dst.ReadValue("num")), "42");
-  EXPECT_EQ(str(dst.ReadValue("text")), "hello");
-  ASSERT_TRUE(rawType(HKEY_LOCAL_MACHINE, "Dst", "num", type));
-  EXPECT_EQ(type, REG_DWORD);
-  ASSERT_TRUE(rawType(HKEY_LOCAL_MACHINE, "Dst", "bin", type));
-  EXPECT_EQ(type, REG_SZ);  // anything but a number travels as text
-  EXPECT_EQ(str(reg("Dst\\Sub\\Leaf", HKEY_LOCAL_MACHINE).ReadValue("deep")), "7");
 }
 
 TEST_F(RegistryTest, ValueIteratorTextRules) {

@@ -111,29 +111,6 @@ TEST_F(RegStore, SizeQueryAndMoreData) {
             ERROR_INVALID_PARAMETER);
 }
 
-TEST_F(RegStore, NamesIgnoreCaseAndKeepIt) {
-  HKEY k = create("Software\\MixedCase");
-  ASSERT_EQ(setText(k, "ValueName", "1"), ERROR_SUCCESS);
-  ASSERT_EQ(setText(k, "VALUENAME", "2"), ERROR_SUCCESS);  // same value
-  ASSERT_EQ(setText(k, "\xc3\x84rger", "3"), ERROR_SUCCESS);  // "Ärger"
-  EXPECT_EQ(getText(k, "valuename"), "2");
-  EXPECT_EQ(getText(k, "\xc3\xa4RGER"), "3");  // "äRGER"
-  HKEY again = nullptr;
-  ASSERT_EQ(open("SOFTWARE\\mixedcase", KEY_READ, again), ERROR_SUCCESS);
-  EXPECT_EQ(getText(again, "VaLuEnAmE"), "2");
-
-  char name[64];
-  DWORD chars = sizeof name;
-  ASSERT_EQ(RegEnumValueA(k, 0, name, &chars, nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
-  EXPECT_STREQ(name, "ValueName");  // the first spelling is kept
-  EXPECT_EQ(chars, 9u);
-  HKEY soft = nullptr;
-  ASSERT_EQ(open("software", KEY_READ, soft), ERROR_SUCCESS);
-  chars = sizeof name;
-  ASSERT_EQ(RegEnumKeyExA(soft, 0, name, &chars, nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
-  EXPECT_STREQ(name, "MixedCase");
-}
-
 TEST_F(RegStore, EnumerationOrderAndEnd) {
   HKEY k = create("Enum");
   for (char const* sub : {"beta", "Alpha", "gamma"}) {
@@ -254,33 +231,6 @@ TEST_F(RegStore, StoreFilesAndModes) {
   HKEY d = create("X", HKEY_LOCAL_MACHINE);
   EXPECT_NE(d, nullptr);
   EXPECT_TRUE(fs::exists(nested + "/machine.db"));
-}
-
-TEST_F(RegStore, RemoteConnection) {
-  HKEY remote = nullptr;
-  EXPECT_EQ(RegConnectRegistryA("\\\\host", HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH);
-  std::string remoteDir = dir + "/remote";
-  setenv("QUENLIB_REGISTRY_REMOTE_DIR", remoteDir.c_str(), 1);
-  EXPECT_EQ(RegConnectRegistryA("\\\\host", HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH);
-  // Build the remote machine's store by pointing the local root at it.
-  setenv("QUENLIB_REGISTRY_DIR", (remoteDir + "/host").c_str(), 1);
-  HKEY there = create("Software\\There", HKEY_LOCAL_MACHINE);
-  ASSERT_EQ(setText(there, "where", "remote"), ERROR_SUCCESS);
-  setenv("QUENLIB_REGISTRY_DIR", dir.c_str(), 1);
-
-  for (char const* name : {"\\\\host", "host", "\\\\\\\\host"}) {
-    ASSERT_EQ(RegConnectRegistryA(name, HKEY_LOCAL_MACHINE, &remote), ERROR_SUCCESS) << name;
-    HKEY k = nullptr;
-    ASSERT_EQ(RegOpenKeyExA(remote, "software\\there", 0, KEY_READ, &k), ERROR_SUCCESS);
-    EXPECT_EQ(getText(k, "where"), "remote");
-    RegCloseKey(k);
-    EXPECT_EQ(RegCloseKey(remote), ERROR_SUCCESS);
-  }
-  EXPECT_EQ(RegConnectRegistryA("\\\\..", HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH);
-  EXPECT_EQ(RegConnectRegistryA("\\\\a/b", HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH);
-  EXPECT_EQ(RegConnectRegistryA("\\\\host", HKEY_CURRENT_USER, &remote), ERROR_INVALID_HANDLE);
-  ASSERT_EQ(RegConnectRegistryA(nullptr, HKEY_LOCAL_MACHINE, &remote), ERROR_SUCCESS);
-  EXPECT_EQ(remote, HKEY_LOCAL_MACHINE);
 }
 
 TEST(RegExpand, EnvironmentStrings) {

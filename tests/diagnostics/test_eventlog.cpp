@@ -19,29 +19,6 @@ SIArray<SAnsiString> list(std::initializer_list<char const*> items) {
 
 }  // namespace
 
-TEST(EventLog, SplitLogFileName) {
-  struct Case {
-    char const *full, *dir, *base, *ext;
-  } const cases[] = {
-      {"/var/log/app/events.log", "/var/log/app/", "events", ".log"},
-      {"event.log", "", "event", ".log"},
-      {"noext", "", "noext", ""},
-      {"dir.d/file", "dir.d/", "file", ""},
-      {"x.tar.gz", "", "x.tar", ".gz"},
-      {"/logs/.hidden", "/logs/", ".hidden", ""},
-      {"/logs/", "/logs/", "", ""},
-      {"", "", "", ""},
-  };
-  for (auto const& c : cases) {
-    SAnsiString d, b, e;
-    SEventLog::splitLogFileName(c.full, d, b, e);
-    EXPECT_EQ(s(d), c.dir) << c.full;
-    EXPECT_EQ(s(b), c.base) << c.full;
-    EXPECT_EQ(s(e), c.ext) << c.full;
-    EXPECT_EQ(s(d) + s(b) + s(e), c.full);
-  }
-}
-
 TEST(EventLog, OneLinePerEvent) {
   tracetest::ScratchDir dir;
   std::string const file = (dir / "sub/ev.log");

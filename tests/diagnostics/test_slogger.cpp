@@ -46,7 +46,6 @@ TEST_F(AssertChannel, ReportsSourceNameWithoutDirectoryOrExtension) {
 // ---------------------------------------------------------------------------
 // The front end: lifecycle, context variables, call interception.
 
-
 namespace {
 
 class Front : public ::testing::Test {
@@ -56,21 +55,6 @@ class Front : public ::testing::Test {
 };
 
 }  // namespace
-
-TEST_F(Front, ContextVariablesBelongToTheThread) {
-  EXPECT_FALSE(SLogger::HasLogContext());
-  SLogger::SetContextVar("ActionID", SAnsiString("a-1"));
-  SLogger::SetContextVar("User", "bob");
-  EXPECT_TRUE(SLogger::HasLogContext());
-  EXPECT_EQ(SLogger::GetActionID(), SAnsiString("a-1"));
-  EXPECT_EQ(SLogger::GetContextVar("User"), SAnsiString("bob"));
-  std::string other = "unset";
-  std::thread([&] { other = SLogger::ContextVar("User"); }).join();
-  EXPECT_EQ(other, "");
-  SLogger::SetContextVar("ActionID", nullptr);
-  SLogger::SetContextVar("User", nullptr);
-  EXPECT_FALSE(SLogger::HasLogContext());
-}
 
 TEST_F(Front, InterceptedCallsAreRequestLines) {
   tracetest::init("-request on");
@@ -106,9 +90,4 @@ TEST_F(Front, InterceptedCallsAreRequestLines) {
   EXPECT_EQ(lines[4].text, "REQUEST\tIncoming: Store passport=caller-9");
   EXPECT_EQ(lines[5].text, "REQUEST\tOutgoing: Nested passport=caller-9");
   EXPECT_EQ(lines[7].text.rfind("REQUEST\tIncoming: Store done after ", 0), 0u);
-}
-
-TEST_F(Front, AssertionBeforeInitializeIsReportedDirectly) {
-  SAssert("src/early.cpp", 3, "ready", "too early");
-  EXPECT_EQ(rec.asserts(), (std::vector<std::string>{"early:3:ready:too early"}));
 }

@@ -117,36 +117,6 @@ TEST_F(Trace, NevertraceAndNoassert) {
   EXPECT_TRUE(SLogger::ShouldAssert());
 }
 
-TEST_F(Trace, PrefixesAndLabels) {
-  init("-trace xl,req,sdk,scope");
-  SLogger::Trace(SLogger::tl_RequestL, "a", "dir/r.cpp", 3);
-  SLogger::Trace(SLogger::tl_SdkRequest, "b", "s.cpp", 4);
-  SLogger::Trace(SLogger::tl_M, "c", "m.cpp", 5);
-  SLogger::Trace(SLogger::tl_Scope, "d", "m.cpp", 6);
-  auto lines = rec.lines();
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[0].text, "REQUEST\ta");
-  EXPECT_EQ(lines[0].file, "r");
-  EXPECT_EQ(lines[0].line, 3);
-  EXPECT_EQ(lines[1].text, "SDKREQ\tb");
-  EXPECT_EQ(lines[2].text, "c");
-  EXPECT_EQ(lines[2].level, SLogger::tl_M);
-  EXPECT_EQ(lines[3].text, "d");
-}
-
-TEST_F(Trace, InvalidLevelsAreReported) {
-  init("-trace xl");
-  EXPECT_FALSE(SLogger::ShouldTrace(42, "dir/w.cpp", 17));
-  SLogger::Trace(SLogger::tl_Never, "x", "dir/w.cpp", 18);
-  SLogger::Trace(static_cast<SLogger::tracelevel>(-3), "x", "dir/w.cpp", 19);
-  auto a = rec.asserts();
-  ASSERT_EQ(a.size(), 3u);
-  EXPECT_EQ(a[0], "w:17:0:TraceBridge::ShouldTrace: Invalid trace level specified at dir/w.cpp:17");
-  EXPECT_EQ(a[1], "w:18:0:Invalid or unimplemented tracing level at dir/w.cpp:18");
-  EXPECT_EQ(a[2], "w:19:0:Invalid or unimplemented tracing level at dir/w.cpp:19");
-  EXPECT_TRUE(rec.lines().empty());
-}
-
 TEST_F(Trace, FileLineFilter) {
   init("-trace l -fileLogFilter 'src/alpha.cpp, beta:10-20,Gamma.h:5'");
   EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_L, "/x/alpha.cpp", 999));
@@ -189,24 +159,6 @@ TEST_F(Trace, AlwaysCloseWritesEachLineAndRotates) {
   EXPECT_FALSE(ReadFile((dir / "ac.2.log")).empty());
   EXPECT_FALSE(std::filesystem::exists((dir / "ac.3.log")));
   EXPECT_NE(ReadFile(file).find("line 19"), std::string::npos);
-}
-
-TEST_F(Trace, EnvironmentAddsOptions) {
-  ::setenv("TQE_LOGGER_ENVIRONMENT", "-trace xl -noassert", 1);
-  SLogger::Initialize(CParamLineArgs("prog -trace s"), false);
-  EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_XL, "x.cpp"));
-  SLogger::Initialize(CParamLineArgs("prog -trace s"));
-  EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_XL, "x.cpp"));
-  EXPECT_FALSE(SLogger::ShouldAssert());
-}
-
-TEST_F(Trace, AssertionGoesToTheLogFile) {
-  std::string const file = (dir / "a.log");
-  init("-logFile " + file);
-  SAssert("src/sstring.cpp", 12, "p != 0", "null");
-  SLogger::Terminate();
-  EXPECT_NE(ReadFile(file).find("Assert  sstring(12): Assertion failed: p != 0 - null\n"), std::string::npos)
-      << ReadFile(file);
 }
 
 TEST_F(Trace, ExitWithoutTerminateStillFlushesTheLog) {

@@ -36,44 +36,6 @@ class TraceText : public ::testing::Test {
 
 }  // namespace
 
-TEST(TraceParameter, EveryTypeBecomesText) {
-  int x = 0;
-  struct Case {
-    STraceParameter p;
-    char const* text;
-  } const cases[] = {
-      {STraceParameter(SAnsiString("ansi")), "ansi"},
-      {STraceParameter(SChar_t<char, 0>('q')), "q"},
-      {STraceParameter("plain"), "plain"},
-      {STraceParameter(static_cast<char const*>(nullptr)), "(null)"},
-      {STraceParameter(u"w\u00e9"), "w\xc3\xa9"},
-      {STraceParameter(int32_t(-5)), "-5"},
-      {STraceParameter(uint32_t(4000000000u)), "4000000000"},
-      {STraceParameter(-7), "-7"},
-      {STraceParameter(7u), "7"},
-      {STraceParameter(int64_t(-9000000000LL)), "-9000000000"},
-      {STraceParameter(uint64_t(18446744073709551615ULL)), "18446744073709551615"},
-      {STraceParameter(0.1), "0.1"},
-      {STraceParameter(1e20), "1e+20"},
-      {STraceParameter(true), "true"},
-      {STraceParameter(false), "false"},
-      {STraceParameter('c'), "c"},
-      {STraceParameter(static_cast<void const*>(nullptr)), "(nil)"},
-      {STraceParameter(std::string("std")), "std"},
-      {STraceParameter(SAsciiString("ascii")), "ascii"},
-      {STraceParameter(SDateTime::FromUnixMilliseconds(1710145800005LL)), "2024-03-11 08:30:00.005"},
-      {STraceParameter(SDateTime()), "(invalid)"},
-  };
-  for (auto const& c : cases) {
-    EXPECT_EQ(c.p.Text(), c.text);
-    EXPECT_FALSE(c.p.IsEmpty());
-  }
-  EXPECT_TRUE(STraceParameter().IsEmpty());
-  EXPECT_FALSE(STraceParameter("").IsEmpty());
-  EXPECT_EQ(STraceParameter(static_cast<void const*>(&x)).Text().substr(0, 2), "0x");
-  EXPECT_EQ(STraceParameter(42).GetString(), SAnsiString("42"));
-}
-
 TEST(TraceHelper, NumberedPlaceholders) {
   std::vector<STraceParameter> twelve;
   for (int i = 1; i <= 12; ++i) twelve.emplace_back("p" + std::to_string(i));

@@ -51,20 +51,6 @@ TEST_F(StringConversion, AsciiFlavourRefusesWholeText) {
   EXPECT_EQ(s, SAsciiString("abc"));
 }
 
-TEST_F(StringConversion, AsciiToBrimSignExtends) {
-  SAsciiString const s("A\xE9");
-  WChar out[4];
-  EXPECT_EQ(s.getNBytesForBrim(), 6u);
-  EXPECT_EQ(s.toBrim(out, 6), 3u);
-  EXPECT_EQ(out[0], u'A');
-  EXPECT_EQ(out[1], 0xFFE9);
-  EXPECT_EQ(out[2], 0);
-  EXPECT_EQ(s.toBrim(out, 5), kTooSmall);
-  // The other wide outputs widen the byte as it is.
-  EXPECT_EQ(s.toWChar(out, 6), 3u);
-  EXPECT_EQ(out[1], 0x00E9);
-}
-
 TEST_F(StringConversion, WideAndLocaleRoundTrip) {
   SWCharString const w(u"caf\u00E9 \U0001F600");
   EXPECT_EQ(w.getNBytesForMBCS(), 11u);

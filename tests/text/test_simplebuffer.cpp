@@ -40,25 +40,6 @@ TEST(SimpleBuffer, ReserveRule) {
   EXPECT_EQ(bytesOf(b), (std::vector<unsigned char>{1, 2, 3, 1, 2, 3}));
 }
 
-TEST(SimpleBuffer, CompareIsLexicographic) {
-  struct Case {
-    std::vector<unsigned char> a, b;
-    int cmp;
-  } const cases[] = {
-      {{1, 2}, {1, 2, 3}, -1}, {{2}, {1, 2, 3}, 1},      {{1, 2, 3}, {1, 2, 3}, 0},
-      {{}, {}, 0},             {{}, {0}, -1},            {{0xFF}, {0x01}, 1},
-      {{1, 2, 3}, {1, 2}, 1},  {{0x80}, {0x7F, 0xFF}, 1},
-  };
-  for (auto const& c : cases) {
-    SSimpleBuffer const a = make(c.a);
-    SSimpleBuffer const b = make(c.b);
-    EXPECT_EQ(a.compare(b), c.cmp);
-    EXPECT_EQ(a < b, c.cmp < 0);
-    EXPECT_EQ(a == b, c.cmp == 0);
-    EXPECT_EQ(a != b, c.cmp != 0);
-  }
-}
-
 TEST(SimpleBuffer, OverflowingReserveIsRefused) {
   unsigned char const x = 1;
   SSimpleBuffer b;

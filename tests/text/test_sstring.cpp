@@ -101,9 +101,6 @@ TYPED_TEST_SUITE(AllFlavours, FlavourTypes);
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// Layout
-
-// ---------------------------------------------------------------------------
 // Empty buffer and construction
 
 TYPED_TEST(AllFlavours, EmptyStringsShareTheStaticBuffer) {
@@ -250,27 +247,6 @@ TYPED_TEST(AllFlavours, PiecesClampPastTheEnd) {
   EXPECT_TRUE(s.mid(typename TypeParam::iterator(other)).isEmpty());
 }
 
-TYPED_TEST(AllFlavours, FindForms) {
-  TypeParam s(L("one two one two"));
-  typename TypeParam::iterator end(s.getString() + s.getNChars());
-  typename TypeParam::iterator it = s.find(L("two"));
-  EXPECT_EQ(s.getCharIndex(it), 4u);
-  EXPECT_EQ(s.getCharIndex(it.find(TypeParam(L("one")))), 8u);
-  EXPECT_EQ(s.find(L("three")), end);
-  EXPECT_EQ(s.find(TypeParam()), end);
-  EXPECT_TRUE(TypeParam().find(L("x")).isAtEnd());
-  EXPECT_EQ(s.getCharIndex(s.findFirst(typename TypeParam::char_type('o'))), 0u);
-  EXPECT_EQ(s.getCharIndex(s.findLast(typename TypeParam::char_type('o'))), 14u);
-  typename TypeParam::iterator none = s.findLast(typename TypeParam::char_type('x'));
-  EXPECT_TRUE(none.isAtEnd());
-  EXPECT_EQ(none, end);
-  EXPECT_EQ(s.findFirst(typename TypeParam::char_type('x')), end);
-  typename TypeParam::iterator from(s);
-  from += 5;
-  EXPECT_EQ(s.getCharIndex(from.find(typename TypeParam::char_type('t'))), 12u);
-  EXPECT_TRUE(from.find(typename TypeParam::char_type('q')).isAtEnd());
-}
-
 // ---------------------------------------------------------------------------
 // Editing
 
@@ -318,9 +294,6 @@ TYPED_TEST(AllFlavours, InsertDeleteAndTrim) {
 }
 
 // ---------------------------------------------------------------------------
-// Flavour-specific members
-
-// ---------------------------------------------------------------------------
 // Failures: allocation limits, overflow, assertions
 
 TEST_F(Asserts, AllocationLimitsThrowBadAlloc) {
@@ -366,5 +339,3 @@ TEST_F(Asserts, DeletingPastTheEndAssertsAndClamps) {
   EXPECT_TRUE(w == u"a");
 }
 
-// ---------------------------------------------------------------------------
-// Interlocked counters

@@ -121,23 +121,6 @@ TEST_F(Utf8, SearchAndCountingAgreeWithCharacterWalks) {
   }
 }
 
-TEST_F(Utf8, SetAtChangesByteLengthAndKeepsTheTail) {
-  SAnsiString s("abc");
-  SAnsiString copy(s);
-  s.setAt(0u, MbChar("\xC3\xA9", 2));
-  EXPECT_EQ(bytes(s), "\xC3\xA9" "bc");
-  EXPECT_EQ(s.getLength(), 4u);
-  EXPECT_TRUE(copy == "abc");
-  SAnsiString::iterator it(s);
-  s.setAt(it, MbChar("\xF0\x9F\x98\x80", 4));
-  EXPECT_EQ(bytes(s), "\xF0\x9F\x98\x80" "bc");
-  EXPECT_EQ(it, SAnsiString::iterator(s));
-  s.setAt(2u, MbChar('C'));
-  s.setAt(0u, MbChar('A'));
-  EXPECT_EQ(bytes(s), "AbC");
-  EXPECT_TRUE(seen.empty());
-}
-
 TEST_F(Utf8, CaseMappingFollowsTheLocale) {
   SAnsiString s("\xC3\xA9t\xC3\xA9");  // été
   s.toUpper();

@@ -45,19 +45,6 @@ std::string From(T value, int radix, int32_t* count = nullptr) {
 }
 
 // ---------------------------------------------------------------------------
-// Value to text
-
-TEST_F(AssertWatch, StringConvFromIntegerRefusesRadixBelow2) {
-  for (int radix : {1, 0, -16}) {
-    char a[kStringConvUnits] = "junk";
-    EXPECT_EQ(StringConvFromInteger(a, 12345, radix), 0);
-    EXPECT_STREQ(a, "");
-  }
-  EXPECT_EQ(log.seen.size(), 3u);
-  EXPECT_EQ(SAnsiStringConv::ToString(7, 0), "");
-}
-
-// ---------------------------------------------------------------------------
 // Text to value, the string form
 
 struct ParseCase {
@@ -141,13 +128,6 @@ TEST(StringConvToInteger, NegativeMagnitudeAboveMinimumFails) {
   EXPECT_EQ(q, INT64_MIN);
   EXPECT_FALSE(SAnsiStringConv::FromString("-9223372036854775810", q, 10));
 }
-
-// ---------------------------------------------------------------------------
-// Text to value, the iterator form
-
-
-// ---------------------------------------------------------------------------
-// Wrappers that write text
 
 // ---------------------------------------------------------------------------
 // Round-trip property: every type, radix 2..36, random non-negative values

@@ -85,7 +85,6 @@ TEST(SStrTok, RightStrReturnsTheRestAndLeavesIt) {
   EXPECT_TRUE(t.IsEmpty());
 }
 
-
 // Multibyte text: the delimiter is matched by whole characters and the
 // cursor steps over it by characters.
 class MultibyteTok : public ::testing::Test {

@@ -46,20 +46,3 @@ TEST(UtfConverter, LengthEstimateKeepsItsOverCount) {
   wchar_t const wide[] = {L'A', 0xE9, 0x1F600, 0x250000, 0};
   EXPECT_EQ(CUTFConverter::WideCharToUTF8Length(wide), 1u + 1 + 2 + 4 + 2);
 }
-
-TEST(MbcsStrings, ExplicitCodesetToT) {
-  quentest::LocaleScope utf8("C.UTF-8");
-  ASSERT_TRUE(utf8.ok());
-  using MB = MBCSCodesetConverter;
-  quentest::TraceLog log;
-  EXPECT_EQ(MB::ExplicitCodesetToT("\xC3\x28", MB::ECS_UTF8), SAnsiString("?"));
-  EXPECT_EQ(log.lines,
-            std::vector<std::string>{"mbcscodesetconverter: failed UTF8 -> UCS2 conversion"});
-  EXPECT_EQ(MB::ExplicitCodesetToT(nullptr, MB::ECS_Windows1252), SAnsiString());
-  EXPECT_EQ(MB::ExplicitCodesetToT("\x80", MB::ECS_Latin1), SAnsiString("\xE2\x82\xAC"));
-  EXPECT_EQ(MB::ExplicitCodesetToT("\x80", MB::ECS_Latin1),
-            MB::ExplicitCodesetToT("\x80", MB::ECS_Windows1252));
-  SSimpleBuffer b = MB::TToExplicitCodeset(SAnsiString("\xE2\x82\xAC"), MB::ECS_Latin9);
-  ASSERT_EQ(b.getNBytes(), 1u);
-  EXPECT_EQ(static_cast<unsigned char const*>(b)[0], 0xA4);
-}

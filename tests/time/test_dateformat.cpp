@@ -48,18 +48,6 @@ TEST(DateFormatPattern, EveryLetterAndRunLength) {
   for (auto const& c : cases) EXPECT_EQ(quentest::str(c.when.Format(c.pattern, Utc())), c.expected) << c.pattern;
 }
 
-TEST(DateFormatPattern, TwelveHourClockAndMarkers) {
-  quentest::LocaleScope locale("en_US.UTF-8");
-  struct Case {
-    int hour;
-    char const* expected;
-  } cases[] = {{0, "12:30 A"}, {1, "1:30 A"}, {11, "11:30 A"}, {12, "12:30 P"}, {13, "1:30 P"}, {23, "11:30 P"}};
-  for (auto const& c : cases) {
-    SDateTime t(2020, 1, 1, c.hour, 30, 0, 0, Utc());
-    EXPECT_EQ(quentest::str(t.Format("h:mm t", Utc())), c.expected) << c.hour;
-  }
-}
-
 TEST(DateFormatPattern, FieldsAreTakenInTheZone) {
   SDateTime t(2024, 1, 1, 2, 15, 0, 0, Utc());
   EXPECT_EQ(quentest::str(t.Format("yyyy-MM-dd HH:mm", STimeZone("EST,300 EDT"))), "2023-12-31 21:15");
@@ -67,15 +55,6 @@ TEST(DateFormatPattern, FieldsAreTakenInTheZone) {
   SDateTime summer(2024, 7, 1, 12, 0, 0, 0, Utc());
   EXPECT_EQ(quentest::str(summer.Format("HH:mm", STimeZone("CET,-60 CEST;3,5,0/2,0,10,5,0/3,0"))), "14:00");
   EXPECT_EQ(quentest::str(SDateTime(-44, 3, 15, 12, 0, 0, 0, Utc()).Format("yyyy yy", Utc())), "-44 -44");
-}
-
-TEST(DateFormatPattern, InvalidPartsGiveEmptyFields) {
-  EXPECT_EQ(quentest::str(SDate().Format("dd/MM/yyyy")), "//");
-  EXPECT_EQ(quentest::str(SDateTime().Format("dd/MM/yyyy HH:mm:ss.SSS t g", Utc())), "// ::.  ");
-  EXPECT_EQ(quentest::str(SDate(2006, 3, 4).Format("dd/MM/yyyy HH:mm")), "04/03/2006 :");
-  EXPECT_EQ(quentest::str(STime(5, 6, 7, 8).Format("yyyy-MM-dd HH:mm:ss.SSS", Utc())), "-- 05:06:07.008");
-  EXPECT_EQ(quentest::str(STime(5, 6, 7, 8, STimeZone("X,-60")).Format("HH:mm", STimeZone("X,-60"))), "05:06");
-  EXPECT_EQ(quentest::str(SDateTime().Format(nullptr, Utc())), "");
 }
 
 TEST(DateFormatNames, FollowTheThreadLocale) {

@@ -37,22 +37,6 @@ TEST(SIMap, InsertKeepsLastSpellingAndIgnoresCase) {
   EXPECT_FALSE(m.Lookup("missing", v));
 }
 
-TEST(PairReader, NextDecodesAndTraces) {
-  ASSERT_TRUE(SLogger::Initialize(CParamLineArgs("prog -trace l"), false));
-  quentest::TraceLog log;
-  CNameValuePairs pairs("a=1&b%20c=x+y&flag&=v");
-  std::vector<std::string> got;
-  SAnsiString name, value;
-  while (pairs.HasMorePairs()) {
-    pairs.Next(name, value);
-    got.push_back(quentest::str(name) + "|" + quentest::str(value));
-  }
-  SLogger::Terminate();
-  EXPECT_EQ(got, (std::vector<std::string>{"a|1", "b c|x y", "flag|", "|v"}));
-  ASSERT_FALSE(log.texts.empty());
-  EXPECT_EQ(log.texts.front(), "Name a Value 1n");
-}
-
 TEST(ParseParameter, GoodAndBadLists) {
   struct Case {
     char const* text;

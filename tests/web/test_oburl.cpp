@@ -11,13 +11,6 @@ using namespace QuenLibA500;
 
 namespace {
 
-std::vector<std::string> Props(CObUrl& url) {
-  std::vector<std::string> out;
-  for (auto it = url.Begin(); it != url.End(); ++it)
-    out.push_back(quentest::str(url.GetName(it)) + "=" + quentest::str(url.GetValueString(it)));
-  return out;
-}
-
 using QuietAsserts = quentest::AssertLog;
 
 }  // namespace
@@ -41,21 +34,6 @@ TEST(ObUrl, ParseAndWrite) {
   EXPECT_EQ(quentest::str(empty.MakeURL()), "obj?");
   CObUrl none;
   EXPECT_EQ(quentest::str(none.MakeURL()), "");
-}
-
-TEST(ObUrl, SplitFullURL) {
-  SAnsiString object("kept"), query;
-  EXPECT_FALSE(CObUrl::SplitFullURL(SAnsiString("a=1"), object, query));
-  EXPECT_EQ(quentest::str(object), "kept");
-  EXPECT_EQ(quentest::str(query), "a=1");
-  EXPECT_TRUE(CObUrl::SplitFullURL(SAnsiString("o/p?a=1?b"), object, query));
-  EXPECT_EQ(quentest::str(object), "o/p");
-  EXPECT_EQ(quentest::str(query), "a=1?b");
-  SAsciiString full("x?y=2");
-  SAsciiString::iterator it;
-  EXPECT_TRUE(CObUrl::SplitFullURL(full, object, it));
-  EXPECT_EQ(quentest::str(object), "x");
-  EXPECT_EQ((*it).getChar(), 'y');
 }
 
 TEST(ObUrl, DateTimes) {
@@ -111,22 +89,4 @@ TEST(ObUrl, Arrays) {
   SIArray<SAnsiString> viaText;
   ASSERT_TRUE(again.GetPropStringArray("names", &viaText));
   EXPECT_TRUE(viaText == names);
-}
-
-TEST(ObUrl, WriteThenParseKeepsProperties) {
-  std::mt19937 rng(5);
-  for (int round = 0; round < 300; ++round) {
-    CObUrl url;
-    if (rng() % 2) url.SetObjectUrl("obj/x y");
-    int n = static_cast<int>(rng() % 6);
-    for (int i = 0; i < n; ++i) {
-      std::string name, value;
-      for (int k = static_cast<int>(rng() % 6); k > 0; --k) name.push_back(static_cast<char>(1 + rng() % 255));
-      for (int k = static_cast<int>(rng() % 8); k > 0; --k) value.push_back(static_cast<char>(1 + rng() % 255));
-      url.SetPropString(SAnsiString(name.c_str()), SAnsiString(value.c_str()));
-    }
-    CObUrl back(url.MakeURL());
-    EXPECT_EQ(Props(back), Props(url));
-    EXPECT_EQ(quentest::str(back.GetObjectUrl()), quentest::str(url.GetObjectUrl()));
-  }
 }

@@ -52,24 +52,6 @@ TEST_F(UrlEncode, StrictDecoder) {
   EXPECT_FALSE(CNameValuePairs::tryURLStrDecode(a, "%4", 2, nullptr));
 }
 
-TEST_F(UrlEncode, LenientDecoders) {
-  quentest::AssertLog asserts;
-  // Wide: the bad "%" is dropped, the characters after it kept.
-  EXPECT_EQ(quentest::wstr(CNameValuePairs::URLStrDecode(SWCharString(u"a%G1b%4"))), u"aG1b4");
-  EXPECT_EQ(asserts.seen.size(), 2u);
-  EXPECT_EQ(asserts.seen.back().condition, "This should never happen, since the data should be encoded correctly");
-  // Multibyte: the bad escape is kept as text.
-  EXPECT_EQ(quentest::str(CNameValuePairs::URLStrDecode(SAnsiString("a%G1b%4"))), "a%G1b%4");
-  EXPECT_EQ(quentest::str(CNameValuePairs::URLStrDecode(SAnsiString("%u20AC+%e9"))), "\xE2\x82\xAC \xE9");
-  SAsciiString text("x%41%u00E9+y");
-  SDecodedString d = CNameValuePairs::URLStrDecode(SAsciiString::iterator(text),
-                                                   SAsciiString::iterator(text.getString() + text.getLength()));
-  EXPECT_EQ(quentest::wstr(d), u"xA\u00E9 y");
-  SWCharString out;
-  EXPECT_TRUE(Codec::internalURLStrDecode(out, u"%zz", 3, true));
-  EXPECT_EQ(quentest::wstr(out), u"zz");
-}
-
 TEST_F(UrlEncode, RoundTripsOfEveryByte) {
   std::mt19937 rng(7);
   for (int round = 0; round < 500; ++round) {
