@@ -243,6 +243,8 @@ TYPED_TEST(AllFlavours, PiecesClampPastTheEnd) {
   EXPECT_TRUE(s.mid(it, 1) == L("c"));
   EXPECT_TRUE(s.mid(it, jt) == L("cd"));
   EXPECT_TRUE(s.mid(jt, it).isEmpty());
+  typename TypeParam::iterator end(s.getString() + s.getNChars());
+  EXPECT_TRUE(s.left(end) == L("abcdef"));  // the end is a position like any other
   TypeParam other(L("zzz"));
   EXPECT_TRUE(s.mid(typename TypeParam::iterator(other)).isEmpty());
 }
