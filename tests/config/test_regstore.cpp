@@ -233,6 +233,30 @@ TEST_F(RegStore, StoreFilesAndModes) {
   EXPECT_TRUE(fs::exists(nested + "/machine.db"));
 }
 
+TEST_F(RegStore, RemoteConnection) {
+  HKEY remote = nullptr;
+  EXPECT_EQ(RegConnectRegistryA("\\\\host", HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH);
+  std::string remoteDir = dir + "/remote";
+  setenv("QUENLIB_REGISTRY_REMOTE_DIR", remoteDir.c_str(), 1);
+  // Build the remote machine's store by pointing the local root at it.
+  useStore(remoteDir + "/host");
+  ASSERT_EQ(setText(create("Software\\There", HKEY_LOCAL_MACHINE), "where", "remote"), ERROR_SUCCESS);
+  useStore(dir);
+  for (char const* name : {"\\\\host", "host", "\\\\\\\\host"}) {
+    ASSERT_EQ(RegConnectRegistryA(name, HKEY_LOCAL_MACHINE, &remote), ERROR_SUCCESS) << name;
+    HKEY k = nullptr;
+    ASSERT_EQ(RegOpenKeyExA(remote, "software\\there", 0, KEY_READ, &k), ERROR_SUCCESS);
+    EXPECT_EQ(getText(k, "where"), "remote");
+    RegCloseKey(k);
+    EXPECT_EQ(RegCloseKey(remote), ERROR_SUCCESS);
+  }
+  for (char const* bad : {"\\\\..", "\\\\a/b"})
+    EXPECT_EQ(RegConnectRegistryA(bad, HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH) << bad;
+  EXPECT_EQ(RegConnectRegistryA("\\\\host", HKEY_CURRENT_USER, &remote), ERROR_INVALID_HANDLE);
+  ASSERT_EQ(RegConnectRegistryA(nullptr, HKEY_LOCAL_MACHINE, &remote), ERROR_SUCCESS);
+  EXPECT_EQ(remote, HKEY_LOCAL_MACHINE);
+}
+
 TEST(RegExpand, EnvironmentStrings) {
   setenv("QL_EXPAND_A", "alpha", 1);
   setenv("QL_EXPAND_B", "", 1);

@@ -142,11 +142,9 @@ TEST_F(UrlEncode, AgreesWithPythonUrllib) {
     for (int k = 0; k < n; ++k) s.push_back(alphabet[rng() % (sizeof alphabet - 1)]);
     corpus.emplace_back('D', s);
   }
-  char dir[] = "/tmp/quenlib_urlpyXXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  std::string script = std::string(dir) + "/check.py", in = std::string(dir) + "/in.txt",
-              outPath = std::string(dir) + "/out.txt";
-  std::ofstream(script) << kPythonScript;
+  quentest::TempDir dir;
+  std::string script = dir / "check.py", in = dir / "in.txt", outPath = dir / "out.txt";
+  quentest::WriteFile(script, kPythonScript);
   {
     std::ofstream f(in);
     for (auto const& [kind, s] : corpus) f << kind << ' ' << (s.empty() ? "" : Hex(s)) << '\n';
@@ -154,7 +152,7 @@ TEST_F(UrlEncode, AgreesWithPythonUrllib) {
   std::string cmd = "python3 " + script + " " + in + " " + outPath;
   ASSERT_EQ(std::system(cmd.c_str()), 0);
   std::ifstream results(outPath);
-  SetAssertObserver([](void*, char const*, int, char const*, char const*) {}, nullptr);
+  quentest::AssertLog quiet;
   size_t checked = 0;
   std::string line;
   for (auto const& [kind, s] : corpus) {
@@ -167,10 +165,5 @@ TEST_F(UrlEncode, AgreesWithPythonUrllib) {
     }
     ++checked;
   }
-  SetAssertObserver(nullptr, nullptr);
   EXPECT_EQ(checked, corpus.size());
-  std::remove(script.c_str());
-  std::remove(in.c_str());
-  std::remove(outPath.c_str());
-  rmdir(dir);
 }
