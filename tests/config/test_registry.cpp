@@ -1,5 +1,5 @@
-// Registry and its root classes: reading and write-back, types, writing,
-// deleting, copying, iterators, remote machines, paths and legacy fallback.
+// Registry and its root classes: reading and write-back, types, deleting,
+// value iteration and the legacy and instance fallbacks.
 #include <quenlib/registry.h>
 
 #include "config_support.h"

@@ -1,5 +1,6 @@
-// The registry store's function layer: handles, buffers and sizes,
-// enumeration, deletion rules, names, permissions and remote stores.
+// The registry store's function layer: value types, buffers and sizes,
+// enumeration, deletion rules, permissions, store files, remote stores and
+// environment expansion.
 
 #include "config_support.h"
 #include <sqlite3.h>

@@ -1,4 +1,4 @@
-// Assertion channel: observers, source names, the enable switch.
+// Assertion channel source names, and call interception in the front end.
 
 #include <quenlib/paramlineargs.h>
 

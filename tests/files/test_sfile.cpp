@@ -1,6 +1,5 @@
-// Files: opening modes, byte and text I/O in every encoding, failures with
-// their reasons, and the file-system operations with temporary and unique
-// names (concurrent naming: test_sfile_concurrent.cpp).
+// Files: opening modes, byte and text I/O in every encoding, and the
+// file-system operations (unique names: test_sfile_concurrent.cpp).
 #include <quenlib/sfile.h>
 
 #include "files_support.h"

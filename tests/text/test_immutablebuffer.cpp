@@ -1,4 +1,4 @@
-// SImmutableBuffer: copy and adoption, shared sub-ranges, bounds.
+// SImmutableBuffer: shared sub-ranges and their bounds.
 #include <quenlib/simmutablebuffer.h>
 #include <quenlib/slogger.h>
 

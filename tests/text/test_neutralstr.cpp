@@ -1,5 +1,4 @@
-// NeutralString: decimal limits of every integer type, the iterator form
-// and FromNumber.
+// NeutralString: decimal limits of every integer type, in any locale.
 #include <quenlib/neutralstr.h>
 
 #include <gtest/gtest.h>

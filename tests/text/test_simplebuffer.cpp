@@ -1,5 +1,4 @@
-// SSimpleBuffer: sharing, growth rules, the faulty construction, detach,
-// comparison and the file side.
+// SSimpleBuffer: the growth rules, overflow refusal and the file side.
 #include <quenlib/paramlineargs.h>
 #include <quenlib/simplebuffer.h>
 

@@ -1,5 +1,4 @@
-// CUTFConverter on strings and counted buffers, the length estimate, and
-// MBCSCodesetConverter's string forms.
+// CUTFConverter on strings and counted buffers, and the length estimate.
 #include <quenlib/UTFConverter.h>
 #include <quenlib/codesetconverter.h>
 

@@ -1,4 +1,4 @@
-// Pair reader, pair map, joining helpers and the case-insensitive map.
+// The parameter-list parser and the case-insensitive map.
 #include "web_support.h"
 #include <quenlib/nvpairs.h>
 #include <quenlib/paramlineargs.h>

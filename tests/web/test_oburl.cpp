@@ -1,5 +1,4 @@
-// Object URLs: splitting, parsing, writing, typed properties, arrays,
-// date-times and the write-then-parse round trip.
+// Object URLs: parsing and writing, date-time properties and arrays.
 #include "web_support.h"
 #include <quenlib/oburl.h>
 
