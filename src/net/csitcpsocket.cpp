@@ -254,7 +254,9 @@ bool CSITcpSocket::TcpOpen(char const* service) {
   return TcpOpen(false);
 }
 
-bool CSITcpSocket::writeSome(char const* data, unsigned int length, unsigned int& written) {
+// One write: 1 some bytes written, 0 nothing could be written yet, -1 the
+// connection failed.
+int CSITcpSocket::writeSome(char const* data, unsigned int length, unsigned int& written, int flags) {
   int const chunk = static_cast<int>(std::min<unsigned int>(length, INT_MAX));
   int n;
   if (m_tls) {
@@ -265,19 +267,24 @@ bool CSITcpSocket::writeSome(char const* data, unsigned int length, unsigned int
     } while (n <= 0 && wouldRetry(m_ssl, n));
   } else {
     do {
-      n = static_cast<int>(::send(fd(m_socket), data, static_cast<size_t>(chunk), MSG_NOSIGNAL));
+      n = static_cast<int>(::send(fd(m_socket), data, static_cast<size_t>(chunk), flags | MSG_NOSIGNAL));
     } while (n < 0 && errno == EINTR);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
   }
-  if (n <= 0) return false;
+  if (n <= 0) return -1;
   written = static_cast<unsigned int>(n);
-  return true;
+  return 1;
 }
 
+// What fits in the socket's buffer is written at once; the wait (and its
+// time-out) comes only when nothing fits.
 bool CSITcpSocket::Send(char const* data, unsigned int length, int timeoutSeconds) {
   if (m_socket == kInvalid) return false;
   while (length > 0) {
     unsigned int written = 0;
-    if (CSISocket::isWriteable(m_socket, timeoutSeconds, 0) < 1 || !writeSome(data, length, written)) {
+    int sent = m_tls ? 0 : writeSome(data, length, written, MSG_DONTWAIT);
+    if (sent == 0) sent = CSISocket::isWriteable(m_socket, timeoutSeconds, 0) < 1 ? -1 : writeSome(data, length, written, 0);
+    if (sent < 0) {
       AbortSocket();
       return false;
     }
@@ -291,34 +298,43 @@ bool CSITcpSocket::SendString(char const* text, int timeoutSeconds) {
   return Send(text, static_cast<unsigned int>(std::strlen(text)), timeoutSeconds);
 }
 
-// One read into the empty buffer; 0 or less is the end of the connection.
-bool CSITcpSocket::readSome() {
+// One read into the empty buffer: 1 bytes arrived, 0 none yet, -1 the
+// peer closed or the connection failed.
+int CSITcpSocket::readSome(int flags) {
   int n;
   if (m_tls) {
     ERR_clear_error();
     n = SSL_read(m_ssl, m_buffer, RECEIVE_BUFFER_SIZE);
-    if (n <= 0 && wouldRetry(m_ssl, n)) return true;  // nothing for us yet
+    if (n <= 0 && wouldRetry(m_ssl, n)) return 0;
   } else {
     do {
-      n = static_cast<int>(::recv(fd(m_socket), m_buffer, RECEIVE_BUFFER_SIZE, 0));
+      n = static_cast<int>(::recv(fd(m_socket), m_buffer, RECEIVE_BUFFER_SIZE, flags));
     } while (n < 0 && errno == EINTR);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
   }
-  if (n <= 0) return false;
+  if (n <= 0) return -1;
   m_unread = n;
   m_readPos = m_buffer;
-  return true;
+  return 1;
 }
 
+// Bytes that have already arrived (or that OpenSSL holds decrypted) are
+// taken without waiting; the wait and its time-out come only when none have.
 bool CSITcpSocket::GetData(int timeoutSeconds, bool abortOnTimeout) {
   if (m_socket == kInvalid) return false;
   while (m_unread <= 0) {
-    bool const buffered = m_tls && SSL_pending(m_ssl) > 0;
-    int const ready = buffered ? 1 : CSISocket::isReadable(m_socket, timeoutSeconds);
-    if (ready == 0) {
-      if (abortOnTimeout) AbortSocket();
-      return false;
+    int got = 0;
+    if (!m_tls) got = readSome(MSG_DONTWAIT);
+    else if (SSL_pending(m_ssl) > 0) got = readSome(0);
+    if (got == 0) {
+      int const ready = CSISocket::isReadable(m_socket, timeoutSeconds);
+      if (ready == 0) {
+        if (abortOnTimeout) AbortSocket();
+        return false;
+      }
+      got = ready < 0 ? -1 : readSome(0);
     }
-    if (ready < 0 || !readSome()) {
+    if (got < 0) {
       AbortSocket();
       return false;
     }

@@ -81,8 +81,8 @@ class QUENLIB_API CSITcpSocket {
   static SAnsiString CertificatePath();
 
  private:
-  bool readSome();
-  bool writeSome(char const* data, unsigned int length, unsigned int& written);
+  int readSome(int flags);
+  int writeSome(char const* data, unsigned int length, unsigned int& written, int flags);
   void closeNow();
 
   SAnsiString m_host;
