@@ -214,6 +214,20 @@ TEST_F(Tls, MatchingPinConnectsAndLinesFlowBothWays) {
   EXPECT_FALSE(s.IsOpen());
 }
 
+TEST_F(Tls, SilenceTimesOutAndAVanishedServerFailsSendWithoutSigpipe) {
+  pin(readFile(m_dir / "a.crt"));
+  CSITcpSocket s("127.0.0.1", m_port);
+  ASSERT_TRUE(s.TcpOpen(true));
+  EXPECT_FALSE(s.GetData(1, false));
+  EXPECT_TRUE(s.IsOpen());
+  m_server.reset();  // kills s_server: the peer is gone
+  std::string const block(64 * 1024, 'q');
+  bool failed = false;
+  for (int i = 0; i < 100 && !failed; ++i) failed = !s.Send(block.data(), static_cast<unsigned>(block.size()), 2);
+  EXPECT_TRUE(failed);
+  EXPECT_FALSE(s.IsOpen());
+}
+
 TEST_F(Tls, EveryOtherPinIsRefused) {
   struct {
     char const* name;
