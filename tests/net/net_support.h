@@ -3,9 +3,9 @@
 // Every wait here has a deadline.
 #pragma once
 
+#include <quenlib/csisocket.h>
 #include <quenlib/slogger.h>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -35,17 +35,7 @@ constexpr int kDeadlineMs = 10000;
 
 inline sockaddr_storage loopback(int family, unsigned short port) {
   sockaddr_storage s{};
-  if (family == AF_INET) {
-    auto& a = reinterpret_cast<sockaddr_in&>(s);
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  } else {
-    auto& a = reinterpret_cast<sockaddr_in6&>(s);
-    a.sin6_family = AF_INET6;
-    a.sin6_port = htons(port);
-    a.sin6_addr = in6addr_loopback;
-  }
+  QuenLibA500::CSISocket::gethostbyname(family == AF_INET ? "127.0.0.1" : "::1", family, s, port);
   return s;
 }
 
@@ -53,19 +43,14 @@ inline socklen_t lengthOf(int family) { return family == AF_INET ? sizeof(sockad
 
 // A listening socket on the loopback address of `family`; port 0 picks one.
 inline int listenOn(int family, unsigned short port, unsigned short* chosen = nullptr) {
-  int s = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  int one = 1;
+  int s = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0), one = 1;
   ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   if (family == AF_INET6) ::setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
   sockaddr_storage a = loopback(family, port);
-  if (::bind(s, reinterpret_cast<sockaddr*>(&a), lengthOf(family)) != 0 || ::listen(s, 16) != 0) {
-    ::close(s);
-    return -1;
-  }
-  socklen_t len = sizeof a;
+  socklen_t len = lengthOf(family);
+  if (::bind(s, reinterpret_cast<sockaddr*>(&a), len) != 0 || ::listen(s, 16) != 0) return ::close(s), -1;
   ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-  if (chosen) *chosen = ntohs(family == AF_INET ? reinterpret_cast<sockaddr_in&>(a).sin_port
-                                                : reinterpret_cast<sockaddr_in6&>(a).sin6_port);
+  if (chosen) *chosen = QuenLibA500::CSISocket::getPort(reinterpret_cast<sockaddr&>(a));
   return s;
 }
 
@@ -230,31 +215,24 @@ class Recorder {
     QuenLibA500::SetTraceObserver(nullptr, nullptr);
     QuenLibA500::SetAssertObserver(nullptr, nullptr);
   }
-  std::vector<std::string> traces() {
-    std::lock_guard<std::mutex> g(m_mutex);
-    return m_traces;
-  }
-  std::vector<std::string> asserts() {
-    std::lock_guard<std::mutex> g(m_mutex);
-    return m_asserts;
-  }
-  bool traced(std::string const& text) {
-    for (auto const& t : traces())
-      if (t.find(text) != std::string::npos) return true;
-    return false;
-  }
+  std::vector<std::string> asserts() { return copy(m_asserts); }
+  // How many trace lines hold `text`.
   int countTraced(std::string const& text) {
     int n = 0;
-    for (auto const& t : traces()) n += t.find(text) != std::string::npos;
+    for (auto const& t : copy(m_traces)) n += t.find(text) != std::string::npos;
     return n;
   }
+  bool traced(std::string const& text) { return countTraced(text) > 0; }
   void clear() {
     std::lock_guard<std::mutex> g(m_mutex);
-    m_traces.clear();
-    m_asserts.clear();
+    m_traces.clear(), m_asserts.clear();
   }
 
  private:
+  std::vector<std::string> copy(std::vector<std::string> const& v) {
+    std::lock_guard<std::mutex> g(m_mutex);
+    return v;
+  }
   static void onTrace(void* ctx, int, char const*, int, char const* text) {
     auto* self = static_cast<Recorder*>(ctx);
     std::lock_guard<std::mutex> g(self->m_mutex);
@@ -266,8 +244,7 @@ class Recorder {
     self->m_asserts.emplace_back(msg ? msg : "");
   }
   std::mutex m_mutex;
-  std::vector<std::string> m_traces;
-  std::vector<std::string> m_asserts;
+  std::vector<std::string> m_traces, m_asserts;
 };
 
 }  // namespace nettest
