@@ -10,8 +10,10 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -203,6 +205,28 @@ class ScratchDir {
  private:
   std::string m_path;
 };
+
+// Runs `body` in a child process that sees `hosts` as /etc/hosts (in a
+// private mount namespace): the child's exit status, 77 when no namespace
+// could be made, -1 when the child did not end in time.
+inline int withHosts(std::string const& hosts, std::function<int()> const& body) {
+  ScratchDir dir;
+  std::ofstream(dir / "hosts") << hosts;
+  pid_t const child = ::fork();
+  if (child == 0) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount((dir / "hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0)
+      ::_exit(77);
+    ::_exit(body());
+  }
+  int status = 0;
+  if (!eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; })) {
+    ::kill(child, SIGKILL);
+    ::waitpid(child, &status, 0);
+    return -1;
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 // Records trace lines and assertion messages while it lives.
 class Recorder {

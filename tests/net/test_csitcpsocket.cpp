@@ -248,6 +248,28 @@ TEST_F(Tls, EveryOtherPinIsRefused) {
   }
 }
 
+// multi.quenlib.test resolves to ::1, then 127.0.0.1 (withHosts).
+TEST_F(Tls, SeveralAddressesKeepTheLastAddresssConnection) {
+  pin(readFile(m_dir / "a.crt"));
+  std::string const hosts = "::1 multi.quenlib.test\n127.0.0.1 multi.quenlib.test\n";
+  auto open = [](unsigned short port, bool tls) {
+    return [port, tls] {
+      CSITcpSocket s("multi.quenlib.test", port);
+      return !s.TcpOpen(tls) ? 2 : s.IsOpen() ? 0 : 1;
+    };
+  };
+  int const lastListens = withHosts(hosts, open(m_port, true));  // the server is on 127.0.0.1
+  if (lastListens == 77) GTEST_SKIP() << "no private mount namespace for a test hosts file";
+  EXPECT_EQ(lastListens, 0);
+  unsigned short const port6 = closedPort(AF_INET6);
+  Child firstOnly({"openssl", "s_server", "-accept", "[::1]:" + std::to_string(port6), "-cert", m_dir / "a.crt",
+                   "-key", m_dir / "a.key"},
+                  m_dir / "server6.out");
+  ASSERT_TRUE(eventually([&] { return readFile(m_dir / "server6.out").find("ACCEPT") != std::string::npos; }));
+  EXPECT_EQ(withHosts(hosts, open(port6, false)), 0);  // plain stops at the first connect
+  EXPECT_EQ(withHosts(hosts, open(port6, true)), 1);   // verified, then given up for the refused last address
+}
+
 TEST(CSITcpSocketCertificate, FoundBesideTheMarkedModuleElseBesideTheLibrary) {
   ::unsetenv("QUENLIB_CERTIFICATE_DIR");
   Dl_info self{};
