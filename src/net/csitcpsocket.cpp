@@ -35,6 +35,7 @@ namespace {
 
 constexpr unsigned int kInvalid = CSISocket::INVALID;
 constexpr int kDrainPiece = 256;
+constexpr int kWaitAgain = 2;
 // The drain stops when the peer has been quiet this long, or after the
 // overall limit, so that a peer that never closes cannot hold us.
 constexpr int kDrainQuietSeconds = 1;
@@ -146,6 +147,7 @@ CSITcpSocket& CSITcpSocket::operator=(CSITcpSocket const& other) {
 CSITcpSocket::~CSITcpSocket() { closeNow(); }
 
 void CSITcpSocket::closeNow() {
+  m_recvTimeout = m_sendTimeout = 0;
   freeTls(m_ssl);
   closeSocket(m_socket);
   delete[] m_buffer;
@@ -242,6 +244,7 @@ bool CSITcpSocket::TcpOpen(bool useTls) {
   }
   m_socket = s;
   m_ssl = ssl;
+  m_recvTimeout = m_sendTimeout = 0;
   m_unread = 0;
   m_readPos = m_buffer;
   return true;
@@ -276,14 +279,30 @@ int CSITcpSocket::writeSome(char const* data, unsigned int length, unsigned int&
   return 1;
 }
 
-// What fits in the socket's buffer is written at once; the wait (and its
-// time-out) comes only when nothing fits.
+// Sets SO_RCVTIMEO or SO_SNDTIMEO unless `seconds` is already set (0: none).
+bool CSITcpSocket::setKernelTimeout(int option, int seconds) {
+  int& current = option == SO_RCVTIMEO ? m_recvTimeout : m_sendTimeout;
+  if (current == seconds) return true;
+  timeval const tv{seconds, 0};
+  if (::setsockopt(fd(m_socket), SOL_SOCKET, option, &tv, sizeof tv) != 0) return false;
+  current = seconds;
+  return true;
+}
+
+// A time-out in whole seconds on a plain socket is left to the kernel, which
+// then waits for room inside the send itself (one call instead of a wait and
+// a call); no progress within it is the time-out. Otherwise the socket is
+// waited on first.
 bool CSITcpSocket::Send(char const* data, unsigned int length, int timeoutSeconds) {
   if (m_socket == kInvalid) return false;
+  bool const inKernel = !m_tls && timeoutSeconds > 0;
+  if (!m_tls && !setKernelTimeout(SO_SNDTIMEO, inKernel ? timeoutSeconds : 0)) return AbortSocket(), false;
   while (length > 0) {
     unsigned int written = 0;
-    int sent = m_tls ? 0 : writeSome(data, length, written, MSG_DONTWAIT);
-    if (sent == 0) sent = CSISocket::isWriteable(m_socket, timeoutSeconds, 0) < 1 ? -1 : writeSome(data, length, written, 0);
+    int sent = 0;
+    if (inKernel) sent = writeSome(data, length, written, 0) == 1 ? 1 : -1;
+    else if (CSISocket::isWriteable(m_socket, timeoutSeconds, 0) < 1) sent = -1;
+    else sent = writeSome(data, length, written, 0);
     if (sent < 0) {
       AbortSocket();
       return false;
@@ -318,21 +337,32 @@ int CSITcpSocket::readSome(int flags) {
   return 1;
 }
 
-// Bytes that have already arrived (or that OpenSSL holds decrypted) are
-// taken without waiting; the wait and its time-out come only when none have.
+// One read after waiting up to the time-out: 1 bytes arrived, 0 nothing in
+// time, -1 the connection ended, kWaitAgain the read found nothing for us
+// (a TLS record without data). As in Send, the kernel does the waiting on
+// a plain socket; for TLS, bytes OpenSSL already holds need no wait.
+int CSITcpSocket::waitAndRead(int timeoutSeconds) {
+  if (!m_tls) {
+    bool const inKernel = timeoutSeconds > 0;
+    if (!setKernelTimeout(SO_RCVTIMEO, inKernel ? timeoutSeconds : 0)) return -1;
+    if (inKernel) return readSome(0);
+  }
+  if (!m_tls || SSL_pending(m_ssl) <= 0) {
+    int const ready = CSISocket::isReadable(m_socket, timeoutSeconds);
+    if (ready <= 0) return ready;
+  }
+  int const got = readSome(0);
+  return got == 0 ? kWaitAgain : got;
+}
+
 bool CSITcpSocket::GetData(int timeoutSeconds, bool abortOnTimeout) {
   if (m_socket == kInvalid) return false;
   while (m_unread <= 0) {
-    int got = 0;
-    if (!m_tls) got = readSome(MSG_DONTWAIT);
-    else if (SSL_pending(m_ssl) > 0) got = readSome(0);
+    int const got = waitAndRead(timeoutSeconds);
+    if (got == kWaitAgain) continue;
     if (got == 0) {
-      int const ready = CSISocket::isReadable(m_socket, timeoutSeconds);
-      if (ready == 0) {
-        if (abortOnTimeout) AbortSocket();
-        return false;
-      }
-      got = ready < 0 ? -1 : readSome(0);
+      if (abortOnTimeout) AbortSocket();
+      return false;
     }
     if (got < 0) {
       AbortSocket();

@@ -82,6 +82,8 @@ class QUENLIB_API CSITcpSocket {
 
  private:
   int readSome(int flags);
+  int waitAndRead(int timeoutSeconds);
+  bool setKernelTimeout(int option, int seconds);
   int writeSome(char const* data, unsigned int length, unsigned int& written, int flags);
   void closeNow();
 
@@ -93,6 +95,8 @@ class QUENLIB_API CSITcpSocket {
   char* m_buffer = nullptr;
   bool m_tls = false;
   ssl_st* m_ssl = nullptr;
+  int m_recvTimeout = 0;  // SO_RCVTIMEO in seconds, 0 none
+  int m_sendTimeout = 0;  // SO_SNDTIMEO in seconds, 0 none
 };
 
 }  // namespace QuenLibA500
