@@ -1,23 +1,16 @@
 // Configuration files (sections of key=value lines, XML landscapes) and the
 // configuration manager's server list in the registry.
 #include <quenlib/configfilereader.h>
-#include <quenlib/slogger.h>
 #include <registrykeys/configmgr_regkeys.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
+#include "config_support.h"
 
 using namespace QuenLibA500;
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
+using quentest::str;
 
 std::vector<std::string> strs(SIArray<SAnsiString> const& a) {
   std::vector<std::string> v;
@@ -25,23 +18,12 @@ std::vector<std::string> strs(SIArray<SAnsiString> const& a) {
   return v;
 }
 
-class ConfigFile : public ::testing::Test {
+class ConfigFile : public quentest::StoreTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/configfileXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
   SAnsiString write(char const* name, std::string const& bytes) {
-    std::string path = dir + "/" + name;
-    std::ofstream(path, std::ios::binary) << bytes;
-    return SAnsiString(path.c_str());
+    quentest::WriteFile(dir + "/" + name, bytes);
+    return SAnsiString((dir + "/" + name).c_str());
   }
-  std::string dir;
 };
 
 }  // namespace
@@ -90,50 +72,9 @@ TEST_F(ConfigFile, SectionsAndLines) {
   EXPECT_FALSE(r.enumerateSection("Missing", keys));
 }
 
-TEST_F(ConfigFile, LoadsOnceAndRefusesEmptyOrMissingFiles) {
-  ConfigFileReader r;
-  SIArray<SAnsiString> sections;
-  EXPECT_FALSE(r.getSections(sections));
-  EXPECT_EQ(str(r.getValue("s", "k", "d")), "d");
-
-  std::vector<std::string> traced;
-  SetTraceObserver(
-      [](void* ctx, int, char const*, int, char const* text) {
-        static_cast<std::vector<std::string>*>(ctx)->push_back(text);
-      },
-      &traced);
-  std::string missing = dir + "/missing.cfg";
-  EXPECT_FALSE(r.initialize(missing.c_str()));
-  SetTraceObserver(nullptr, nullptr);
-  ASSERT_EQ(traced.size(), 1u);
-  EXPECT_NE(traced[0].find("ConfigFileReader::initialize() failed to open config file. Reason is: " + missing +
-                           ": No such file or directory."),
-            std::string::npos)
-      << traced[0];
-
-  EXPECT_FALSE(r.initialize(write("empty.cfg", "")));
-  EXPECT_FALSE(r.isInitialized());
-  ASSERT_TRUE(r.initialize(write("one.cfg", "[A]\nk=1\n")));
-  EXPECT_TRUE(r.initialize(write("two.cfg", "[B]\nk=2\n")));  // kept the first
-  EXPECT_EQ(str(r.getValue("A", "k", "")), "1");
-  EXPECT_EQ(str(r.getValue("B", "k", "none")), "none");
-
-  ConfigFileReader noSections;
-  ASSERT_TRUE(noSections.initialize(write("plain.cfg", "just=text\n")));
-  ASSERT_TRUE(noSections.getSections(sections));
-  EXPECT_TRUE(sections.IsEmpty());
-
-  ConfigFileReader copy = r;  // shares the sections
-  EXPECT_EQ(str(copy.getValue("A", "k", "")), "1");
-}
-
 TEST_F(ConfigFile, OpenFailureTracesTheFileReason) {
-  std::vector<std::string> traced;
-  SetTraceObserver(
-      [](void* ctx, int, char const*, int, char const* text) {
-        static_cast<std::vector<std::string>*>(ctx)->push_back(text);
-      },
-      &traced);
+  quentest::TraceLog log;
+  std::vector<std::string>& traced = log.lines;
   struct {
     std::string path;
     bool xml;
@@ -153,33 +94,6 @@ TEST_F(ConfigFile, OpenFailureTracesTheFileReason) {
     std::string want = "ConfigFileReader::initialize() failed to open config file. Reason is: " + row.path +
                        ": " + row.reason + ".";
     EXPECT_NE(traced[0].find(want), std::string::npos) << traced[0];
-  }
-  SetTraceObserver(nullptr, nullptr);
-}
-
-TEST_F(ConfigFile, Encodings) {
-  std::string utf16le = "\xff\xfe", utf16be = "\xfe\xff";
-  for (char c : std::string("[S]\r\nk=v16\r\n")) {
-    utf16le += std::string{c, '\0'};
-    utf16be += std::string{'\0', c};
-  }
-  struct {
-    char const* file;
-    std::string bytes;
-    ConfigFileReader::FileEncoding encoding;
-    char const* want;
-  } rows[] = {
-      {"bom8.cfg", "\xef\xbb\xbf[S]\nk=v8\n", ConfigFileReader::FE_Detect, "v8"},
-      {"le.cfg", utf16le, ConfigFileReader::FE_Detect, "v16"},
-      {"be.cfg", utf16be, ConfigFileReader::FE_Detect, "v16"},
-      {"le2.cfg", utf16le, ConfigFileReader::FE_UTF16LE, "v16"},
-      {"u8.cfg", "[S]\nk=plain\n", ConfigFileReader::FE_UTF8, "plain"},
-      {"ansi.cfg", "[S]\nk=ansi\n", ConfigFileReader::FE_Ansi, "ansi"},
-  };
-  for (auto const& row : rows) {
-    ConfigFileReader r;
-    ASSERT_TRUE(r.initialize(write(row.file, row.bytes), row.encoding)) << row.file;
-    EXPECT_EQ(str(r.getValue("S", "k", "")), row.want) << row.file;
   }
 }
 
@@ -217,28 +131,8 @@ TEST_F(ConfigFile, LandscapeXml) {
   EXPECT_FALSE(missing.initializeFromXML((dir + "/none.xml").c_str()));
 }
 
-TEST_F(ConfigFile, SectionDataOnItsOwn) {
-  ConfigFileReader::SectionData s("Name", "a=1\n a = 2\n\n b=x=y \n");
-  EXPECT_EQ(str(s.getSectionName()), "Name");
-  SAnsiString v;
-  ASSERT_TRUE(s.lookup("a", v));
-  EXPECT_EQ(str(v), "1");
-  ASSERT_TRUE(s.lookup("b", v));
-  EXPECT_EQ(str(v), "x=y");
-  EXPECT_FALSE(s.lookup("c", v));
-  SIArray<SAnsiString> keys;
-  s.getAllKeys(keys);
-  EXPECT_EQ(strs(keys), (std::vector<std::string>{"a", "b"}));
-}
-
 TEST_F(ConfigFile, ConfigManagerServers) {
-  setenv("QUENLIB_REGISTRY_DIR", dir.c_str(), 1);
-  std::vector<std::string> messages;
-  SetAssertObserver(
-      [](void* ctx, char const*, int, char const*, char const* msg) {
-        static_cast<std::vector<std::string>*>(ctx)->push_back(msg ? msg : "");
-      },
-      &messages);
+  quentest::AssertLog log;
   SIArray<ConfigMgrRegistry::ServerType> list;
   ConfigMgrRegistry cm("");
   EXPECT_FALSE(cm.Get(list));  // no key yet
@@ -253,15 +147,13 @@ TEST_F(ConfigFile, ConfigManagerServers) {
   ASSERT_TRUE(partial.WriteValue("ServiceName", SAnsiString("svc")));
 
   ASSERT_TRUE(cm.Get(list));
-  SetAssertObserver(nullptr, nullptr);
-  unsetenv("QUENLIB_REGISTRY_DIR");
   ASSERT_EQ(list.GetSize(), 2);
   EXPECT_EQ(str(list[0].ServerKey), "Full");
   EXPECT_EQ(str(list[0].CommandLine), "CommandLine-value");
   EXPECT_EQ(str(list[0].IsDependsOnEbus), "IsDependsOnEbus-value");
   EXPECT_EQ(str(list[1].ServerKey), "Partial");
   EXPECT_EQ(str(list[1].ServiceName), "svc");
-  EXPECT_EQ(messages, (std::vector<std::string>{"SocksServerRegistry::Get Invalid value for path",
+  EXPECT_EQ(log.messages(), (std::vector<std::string>{"SocksServerRegistry::Get Invalid value for path",
                                                 "SocksServerRegistry::Get Invalid value for dependency",
                                                 "SocksServerRegistry::Get Invalid value for command line",
                                                 "SocksServerRegistry::Get Invalid value for depend on ebus"}));

@@ -1,57 +1,21 @@
 // quen reg end to end: the commands an operator types, their output, exit
 // status and the files they write. Runs the built quen binary.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
+#include "config_support.h"
 
 namespace fs = std::filesystem;
+using Outcome = quentest::QuenRun;
 
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out;
-};
-
-class QuenReg : public ::testing::Test {
+class QuenReg : public quentest::StoreTest {
  protected:
   void SetUp() override {
-    quen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
-    if (!fs::exists(quen)) GTEST_SKIP() << "quen is not built";
-    char tmpl[] = "/tmp/quenregXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-    setenv("QUENLIB_REGISTRY_DIR", (dir + "/fresh/stores").c_str(), 1);
+    if (::access(quentest::QuenPath().c_str(), X_OK) != 0) GTEST_SKIP() << "quen is not built";
+    StoreTest::SetUp();
+    useStore(dir + "/fresh/stores");
   }
-  void TearDown() override {
-    unsetenv("QUENLIB_REGISTRY_DIR");
-    std::error_code ec;
-    if (!dir.empty()) fs::remove_all(dir, ec);
-  }
-
-  // Runs quen with the arguments (already shell-quoted), stdout and stderr
-  // together.
-  Outcome quenReg(std::string const& args) const {
-    std::string cmd = quen + " reg " + args + " 2>&1";
-    Outcome r{-1, {}};
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-  }
-
-  std::string quen, dir;
+  // quen reg with the (shell-quoted) arguments, standard error included.
+  static Outcome quenReg(std::string const& args) { return quentest::RunQuen("reg " + args, ""); }
 };
 
 }  // namespace
@@ -96,10 +60,7 @@ TEST_F(QuenReg, ExportDeleteImportCopy) {
   Outcome again = quenReg("export HKCU\\\\A " + file);
   EXPECT_EQ(again.status, 1);
   EXPECT_NE(again.out.find("exists"), std::string::npos);
-  std::ifstream in(file, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  EXPECT_EQ(text.str(),
+  EXPECT_EQ(quentest::ReadFile(file),
             "Windows Registry Editor Version 5.00\r\n\r\n"
             "[HKEY_CURRENT_USER\\A]\r\n\"n\"=dword:00000005\r\n\r\n"
             "[HKEY_CURRENT_USER\\A\\B]\r\n\"x\"=\"1\"\r\n\r\n");
@@ -140,7 +101,7 @@ TEST_F(QuenReg, BadInputFailsWithAMessage) {
     EXPECT_EQ(run.out, r.message) << r.args;
   }
   std::string bad = dir + "/bad.reg";
-  std::ofstream(bad) << "Windows Registry Editor Version 5.00\n[HKCU\\x]\n\"a\"=dword:zz\n";
+  quentest::WriteFile(bad, "Windows Registry Editor Version 5.00\n[HKCU\\x]\n\"a\"=dword:zz\n");
   Outcome imp = quenReg("import " + bad);
   EXPECT_EQ(imp.status, 1);
   EXPECT_EQ(imp.out, "quen: " + bad + ": line 3: bad hex digit in dword\n");

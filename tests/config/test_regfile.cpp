@@ -2,11 +2,7 @@
 // the written text, and export/import round trips through the store.
 #include <quenlib/regfile.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <string>
+#include "config_support.h"
 
 using namespace QuenLibA500;
 namespace fs = std::filesystem;
@@ -14,34 +10,9 @@ using namespace std::string_literals;
 
 namespace {
 
-class RegFileStore : public ::testing::Test {
+class RegFileStore : public quentest::StoreTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/regfileXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-    useStore("a");
-  }
-  void TearDown() override {
-    unsetenv("QUENLIB_REGISTRY_DIR");
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
-  void useStore(char const* name) { setenv("QUENLIB_REGISTRY_DIR", (dir + "/" + name).c_str(), 1); }
-
-  static std::string query(HKEY root, char const* path, char const* name, DWORD* type = nullptr) {
-    HKEY k = nullptr;
-    if (RegOpenKeyExA(root, path, 0, KEY_READ, &k) != ERROR_SUCCESS) return "<no key>";
-    char buf[256];
-    DWORD size = sizeof buf, t = 0;
-    LONG rc = RegQueryValueExA(k, name, nullptr, &t, reinterpret_cast<BYTE*>(buf), &size);
-    RegCloseKey(k);
-    if (rc != ERROR_SUCCESS) return "<absent>";
-    if (type) *type = t;
-    return std::string(buf, size);
-  }
-
-  std::string dir;
+  void useStore(char const* name) { StoreTest::useStore(dir + "/" + name); }
 };
 
 // Every form the files use, written by hand as an operator would.
@@ -91,27 +62,6 @@ TEST(RegFileParse, EveryValueForm) {
       {"Gone", REG_SZ, "", true},
   };
   EXPECT_EQ(f.keys[0].values, want);
-}
-
-TEST(RegFileParse, EncodingsAndOldHeader) {
-  std::string body = "\r\n[HKCU\\A]\r\n\"k\"=\"\xc3\xa9t\xc3\xa9\"\r\n";
-  RegFile utf8bom, utf16;
-  ASSERT_TRUE(utf8bom.parse("\xef\xbb\xbfWindows Registry Editor Version 5.00" + body));
-  std::string wide = "\xff\xfe";
-  for (char16_t c : u"Windows Registry Editor Version 5.00\r\n\r\n[HKCU\\A]\r\n\"k\"=\"\u00e9t\u00e9\"\r\n")
-    if (c) wide += std::string{static_cast<char>(c & 0xff), static_cast<char>(c >> 8)};
-  ASSERT_TRUE(utf16.parse(wide));
-  EXPECT_EQ(utf8bom.keys, utf16.keys);
-  EXPECT_EQ(utf16.keys[0].values[0].data, "\xc3\xa9t\xc3\xa9\0"s);
-
-  // The old header's hex(2) holds bytes, not UTF-16.
-  RegFile old;
-  ASSERT_TRUE(old.parse("REGEDIT4\n\n[HKLM\\B]\n\"p\"=hex(2):25,41,25,00\n"));
-  EXPECT_EQ(old.keys[0].values[0].data, "%A%\0"s);
-  // LF-only files and blank lines before the header are fine.
-  RegFile lf;
-  EXPECT_TRUE(lf.parse("\n\nWindows Registry Editor Version 5.00\n[HKU\\x]\n@=dword:1\n"));
-  EXPECT_EQ(lf.keys[0].values[0].data, "\x01\0\0\0"s);
 }
 
 TEST(RegFileParse, ErrorsNameTheLine) {
@@ -186,35 +136,6 @@ TEST(RegFileWrite, ExactText) {
   EXPECT_EQ(back.keys, f.keys);
 }
 
-TEST_F(RegFileStore, ImportHandWrittenFile) {
-  HKEY old = nullptr;
-  ASSERT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "Software\\Old\\Child", 0, nullptr, 0, KEY_WRITE, nullptr,
-                            &old, nullptr),
-            ERROR_SUCCESS);
-  RegCloseKey(old);
-  HKEY ex = nullptr;
-  ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "Software\\Example", 0, nullptr, 0, KEY_WRITE, nullptr, &ex,
-                            nullptr),
-            ERROR_SUCCESS);
-  ASSERT_EQ(RegSetValueExA(ex, "Gone", 0, REG_SZ, reinterpret_cast<BYTE const*>("x"), 2), ERROR_SUCCESS);
-  RegCloseKey(ex);
-
-  RegFile f;
-  ASSERT_TRUE(f.parse(kEveryForm));
-  std::string error;
-  ASSERT_EQ(f.import(&error), ERROR_SUCCESS) << error;
-  DWORD type = 0;
-  EXPECT_EQ(query(HKEY_LOCAL_MACHINE, "Software\\Example", "", &type), "default text\0"s);
-  EXPECT_EQ(query(HKEY_LOCAL_MACHINE, "software\\example", "count", &type), "\x2a\0\0\0"s);
-  EXPECT_EQ(type, REG_DWORD);
-  EXPECT_EQ(query(HKEY_LOCAL_MACHINE, "Software\\Example", "List", &type), "a\0bc\0\0"s);
-  EXPECT_EQ(type, REG_MULTI_SZ);
-  EXPECT_EQ(query(HKEY_LOCAL_MACHINE, "Software\\Example", "Gone"), "<absent>");
-  EXPECT_EQ(query(HKEY_LOCAL_MACHINE, "Software\\Example\\Sub Key", "x"), "y\0"s);
-  EXPECT_EQ(query(HKEY_CURRENT_USER, "Software\\Old", "x"), "<no key>");
-  EXPECT_EQ(query(HKEY_CURRENT_USER, "Software", "x"), "<absent>");  // only the tree went
-}
-
 TEST_F(RegFileStore, ExportThenImportIntoEmptyStoreGivesEqualTree) {
   RegFile source;
   ASSERT_TRUE(source.parse(kEveryForm));
@@ -243,37 +164,4 @@ TEST_F(RegFileStore, ExportThenImportIntoEmptyStoreGivesEqualTree) {
   RegFile missing;
   EXPECT_EQ(missing.exportKey("HKLM\\Software\\Nope"), ERROR_FILE_NOT_FOUND);
   EXPECT_EQ(missing.exportKey("HKXX\\Software"), ERROR_BAD_PATHNAME);
-}
-
-TEST_F(RegFileStore, ImportStopsAtFailureAndSays) {
-  RegFile f;
-  ASSERT_TRUE(f.parse("REGEDIT4\n[-HKLM]\n"));
-  std::string error;
-  EXPECT_EQ(f.import(&error), ERROR_ACCESS_DENIED);
-  EXPECT_EQ(error, "deleting HKEY_LOCAL_MACHINE failed. Error code: 5");
-  EXPECT_EQ(RegFile::DeleteTree(HKEY_LOCAL_MACHINE, "Not\\There"), ERROR_SUCCESS);
-}
-
-TEST(RegFileRoots, SplitRoot) {
-  struct {
-    char const* in;
-    bool ok;
-    char const* name;
-    char const* rest;
-  } rows[] = {
-      {"HKLM\\a\\b", true, "HKEY_LOCAL_MACHINE", "a\\b"},
-      {"hkey_current_user\\x\\", true, "HKEY_CURRENT_USER", "x"},
-      {"HKU", true, "HKEY_USERS", ""},
-      {"HKCR\\.txt", true, "HKEY_CLASSES_ROOT", ".txt"},
-      {"HKLMX\\a", false, "", ""},
-      {"", false, "", ""},
-  };
-  for (auto const& r : rows) {
-    HKEY root = nullptr;
-    std::string name, rest;
-    EXPECT_EQ(RegFile::SplitRoot(r.in, root, name, rest), r.ok) << r.in;
-    if (!r.ok) continue;
-    EXPECT_EQ(name, r.name);
-    EXPECT_EQ(rest, r.rest);
-  }
 }

@@ -1,114 +1,31 @@
-// Registry and its root classes: reading and write-back, types, writing,
-// deleting, copying, iterators, remote machines, paths and legacy fallback.
+// Registry and its root classes: reading and write-back, types, deleting,
+// value iteration and the legacy and instance fallbacks.
 #include <quenlib/registry.h>
-#include <quenlib/slogger.h>
 
-#include <gtest/gtest.h>
+#include "config_support.h"
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <string>
-#include <vector>
 
 using namespace QuenLibA500;
 namespace fs = std::filesystem;
 
 namespace {
 
-struct Seen {
-  std::string file, condition, message;
-};
-
-void record(void* ctx, char const* file, int, char const* cond, char const* msg) {
-  static_cast<std::vector<Seen>*>(ctx)->push_back({file, cond ? cond : "", msg ? msg : ""});
-}
-
-std::string str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
-class RegistryTest : public ::testing::Test {
+class RegistryTest : public quentest::StoreTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/registryXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-    setenv("QUENLIB_REGISTRY_DIR", dir.c_str(), 1);
-    unsetenv("QUENLIB_REGISTRY_REMOTE_DIR");
-    SetAssertObserver(&record, &seen);
-  }
-  void TearDown() override {
-    SetAssertObserver(nullptr, nullptr);
-    unsetenv("QUENLIB_REGISTRY_DIR");
-    unsetenv("QUENLIB_REGISTRY_REMOTE_DIR");
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
-
-  // Raw writes through the store layer, for values the classes never write.
-  static void rawSet(HKEY root, char const* path, char const* name, DWORD type, std::string const& data) {
-    HKEY k = nullptr;
-    ASSERT_EQ(RegCreateKeyExA(root, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k, nullptr), ERROR_SUCCESS);
-    ASSERT_EQ(RegSetValueExA(k, name, 0, type, reinterpret_cast<BYTE const*>(data.data()),
-                             static_cast<DWORD>(data.size())),
-              ERROR_SUCCESS);
-    RegCloseKey(k);
-  }
   static bool rawType(HKEY root, char const* path, char const* name, DWORD& type) {
-    HKEY k = nullptr;
-    if (RegOpenKeyExA(root, path, 0, KEY_READ, &k) != ERROR_SUCCESS) return false;
-    LONG rc = RegQueryValueExA(k, name, nullptr, &type, nullptr, nullptr);
-    RegCloseKey(k);
-    return rc == ERROR_SUCCESS;
+    return rawGet(root, path, name, &type).rfind('<', 0) != 0;
   }
-  static bool openToAll(HKEY root, char const* path) {
-    HKEY k = nullptr;
-    BOOL open = 0;
-    if (RegOpenKeyExA(root, path, 0, KEY_READ, &k) != ERROR_SUCCESS) return false;
-    RegQueryKeyOpenToEverybody(k, &open);
-    RegCloseKey(k);
-    return open != 0;
-  }
-  bool sawMessage(std::string const& message) const {
-    for (auto const& s : seen)
-      if (s.message == message) return true;
-    return false;
-  }
-
-  std::string dir;
-  std::vector<Seen> seen;
+  quentest::AssertLog log;
+  std::vector<quentest::AssertLog::Seen>& seen = log.seen;
 };
+
+using quentest::str;
 
 Registry reg(char const* path, HKEY root = HKEY_CURRENT_USER) { return Registry(path, SAnsiStringCI(), root); }
 
 }  // namespace
-
-TEST_F(RegistryTest, OpensNothingUntilUsedAndFindsKeysCreatedLater) {
-  Registry r = reg("Software\\Lazy");
-  EXPECT_FALSE(fs::exists(dir + "/user.db"));
-  EXPECT_FALSE(r.KeyExists());
-  EXPECT_EQ(str(r.ReadValue("v")), "");
-  EXPECT_FALSE(fs::exists(dir + "/user.db"));  // reads create nothing
-  Registry writer = reg("Software\\Lazy");
-  ASSERT_TRUE(writer.WriteValue("v", SAnsiString("later")));
-  EXPECT_EQ(str(r.ReadValue("v")), "later");  // opened at the next read
-  EXPECT_TRUE(r.KeyExists());
-  Registry prefixed("Lazy", "Software\\", HKEY_CURRENT_USER, false);
-  EXPECT_EQ(str(prefixed.GetKeyName()), "Software\\Lazy");
-  EXPECT_EQ(str(prefixed.ReadValue("V")), "later");
-  EXPECT_TRUE(seen.empty());
-}
-
-TEST_F(RegistryTest, TrailingBackslashIsReportedAndTheOperationGoesOn) {
-  Registry r = reg("Software\\Slash\\");
-  EXPECT_TRUE(r.WriteValue("v", SAnsiString("x")));
-  ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0].file, "registry");
-  EXPECT_EQ(seen[0].condition, "m_subKey.getAt (m_subKey.getNChars() - 1) != _T('\\\\')");
-  EXPECT_EQ(seen[0].message, "Win95 doesn't like opening \\ ending reg keys");
-  EXPECT_EQ(str(r.ReadValue("v")), "x");
-  EXPECT_EQ(seen.size(), 2u);
-}
 
 TEST_F(RegistryTest, ReadsEachTypeAsText) {
   setenv("QL_REG_TEST_HOME", "/home/tester", 1);
@@ -143,37 +60,6 @@ TEST_F(RegistryTest, ReadsEachTypeAsText) {
     }
   }
   EXPECT_TRUE(seen.empty());
-}
-
-TEST_F(RegistryTest, ExpansionLongerThanMaxPathIsReported) {
-  std::string longValue(300, 'p');
-  setenv("QL_REG_TEST_LONG", longValue.c_str(), 1);
-  rawSet(HKEY_CURRENT_USER, "Expand", "long", REG_EXPAND_SZ, std::string("%QL_REG_TEST_LONG%\0", 19));
-  std::string fits(259, 'f');
-  setenv("QL_REG_TEST_FITS", fits.c_str(), 1);
-  rawSet(HKEY_CURRENT_USER, "Expand", "fits", REG_EXPAND_SZ, std::string("%QL_REG_TEST_FITS%\0", 19));
-  Registry r = reg("Expand");
-  EXPECT_EQ(str(r.ReadValue("fits")), fits);  // 259 characters + null = 260
-  EXPECT_TRUE(seen.empty());
-  EXPECT_EQ(str(r.ReadValue("long")), "");
-  ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0].condition, "numChars && numChars <= MAX_PATH");
-  EXPECT_EQ(seen[0].message,
-            "Registry::ReadValue: Buffer is not big enough to accomodate expanded string from registry");
-}
-
-TEST_F(RegistryTest, LongValuesUseTheSecondQueryForTextOnly) {
-  std::string big(20000, 'b');
-  Registry r = reg("Long");
-  ASSERT_TRUE(r.WriteValue("text", SAnsiString(big.c_str())));
-  rawSet(HKEY_CURRENT_USER, "Long", "blob", REG_BINARY, big);
-  rawSet(HKEY_CURRENT_USER, "Long", "exp", REG_EXPAND_SZ, big + '\0');
-  EXPECT_EQ(str(r.ReadValue("text")), big);
-  EXPECT_EQ(str(r.ReadValue("blob")), "");
-  EXPECT_EQ(str(r.ReadValue("exp")), "");
-  std::string edge(16299, 'e');  // with its null exactly 16,300 bytes: first query
-  ASSERT_TRUE(r.WriteValue("edge", SAnsiString(edge.c_str())));
-  EXPECT_EQ(str(r.ReadValue("edge")), edge);
 }
 
 TEST_F(RegistryTest, DefaultsAreWrittenBack) {
@@ -214,18 +100,6 @@ TEST_F(RegistryTest, DefaultIsNotReturnedWhenItCannotBeStored) {
   chmod((dir + "/machine.db").c_str(), 0644);
 }
 
-TEST_F(RegistryTest, NumberWritesCreateKeysOpenToEverybody) {
-  Registry num = reg("Software\\ByNumber", HKEY_LOCAL_MACHINE);
-  Registry text = reg("Software\\ByText", HKEY_LOCAL_MACHINE);
-  ASSERT_TRUE(num.WriteValue("n", 5u));
-  ASSERT_TRUE(text.WriteValue("t", SAnsiString("x")));
-  EXPECT_TRUE(openToAll(HKEY_LOCAL_MACHINE, "Software\\ByNumber"));
-  EXPECT_FALSE(openToAll(HKEY_LOCAL_MACHINE, "Software\\ByText"));
-  ASSERT_TRUE(text.WriteValue("n", 1u));  // an existing key keeps its security
-  EXPECT_FALSE(openToAll(HKEY_LOCAL_MACHINE, "Software\\ByText"));
-  EXPECT_EQ(str(num.ReadValue("n")), "5");
-}
-
 TEST_F(RegistryTest, DeleteValueAndKeys) {
   Registry parent = reg("Software\\Del");
   Registry child = reg("Software\\Del\\Child");
@@ -244,80 +118,6 @@ TEST_F(RegistryTest, DeleteValueAndKeys) {
   EXPECT_TRUE(child.DeleteKey());  // absent counts as deleted
   EXPECT_TRUE(parent.DeleteKey());
   EXPECT_FALSE(reg("Software\\Del").KeyExists());
-}
-
-TEST_F(RegistryTest, DeleteKeyRecursive) {
-  for (char const* p : {"Tree\\A\\A1", "Tree\\A\\A2\\Deep", "Tree\\B"})
-    ASSERT_TRUE(reg(p).WriteValue("v", SAnsiString(p)));
-  Registry tree = reg("Tree");
-  ASSERT_TRUE(tree.WriteValue("top", SAnsiString("kept")));
-  EXPECT_TRUE(tree.DeleteKeyRecursive(false));
-  EXPECT_TRUE(tree.KeyExists());
-  EXPECT_FALSE(tree.EnumSubKeys());
-  EXPECT_EQ(str(tree.ReadValue("top")), "kept");
-  ASSERT_TRUE(reg("Tree\\C\\D").WriteValue("v", SAnsiString("x")));
-  EXPECT_TRUE(tree.DeleteKeyRecursive(true));
-  EXPECT_FALSE(reg("Tree").KeyExists());
-  EXPECT_TRUE(reg("Never").DeleteKeyRecursive(true));
-  EXPECT_TRUE(seen.empty());
-}
-
-TEST_F(RegistryTest, CopyValueAndCopyKey) {
-  Registry src = reg("Src");
-  ASSERT_TRUE(src.WriteValue("num", 42u));
-  ASSERT_TRUE(src.WriteValue("text", SAnsiString("hello")));
-  ASSERT_TRUE(reg("Src\\Sub\\Leaf").WriteValue("deep", 7u));
-  rawSet(HKEY_CURRENT_USER, "Src", "bin", REG_BINARY, "xyz");
-
-  EXPECT_TRUE(Registry::CopyValue(HKEY_CURRENT_USER, "Src", "num", HKEY_LOCAL_MACHINE, "One", "renamed"));
-  DWORD type = 0;
-  ASSERT_TRUE(rawType(HKEY_LOCAL_MACHINE, "One", "renamed", type));
-  EXPECT_EQ(type, REG_DWORD);
-
-  EXPECT_TRUE(Registry::CopyKey(HKEY_CURRENT_USER, "Src", HKEY_LOCAL_MACHINE, "Dst"));
-  Registry dst = reg("Dst", HKEY_LOCAL_MACHINE);
-  EXPECT_EQ(str(dst.ReadValue("num")), "42");
-  EXPECT_EQ(str(dst.ReadValue("text")), "hello");
-  ASSERT_TRUE(rawType(HKEY_LOCAL_MACHINE, "Dst", "num", type));
-  EXPECT_EQ(type, REG_DWORD);
-  ASSERT_TRUE(rawType(HKEY_LOCAL_MACHINE, "Dst", "bin", type));
-  EXPECT_EQ(type, REG_SZ);  // anything but a number travels as text
-  EXPECT_EQ(str(reg("Dst\\Sub\\Leaf", HKEY_LOCAL_MACHINE).ReadValue("deep")), "7");
-}
-
-TEST_F(RegistryTest, KeyIteratorWalksAndEnds) {
-  for (char const* p : {"Iter\\beta", "Iter\\Alpha", "Iter\\gamma"}) ASSERT_TRUE(reg(p).WriteValue("v", 1u));
-  Registry r = reg("Iter");
-  std::vector<std::string> names;
-  Registry::KeyIterator it = r.EnumSubKeys();
-  for (; it; ++it) names.push_back(str(it.GetKey()));
-  EXPECT_EQ(names, (std::vector<std::string>{"Alpha", "beta", "gamma"}));
-  EXPECT_EQ(str(it.GetKey()), "");
-  EXPECT_FALSE(it.NextKey());
-  EXPECT_FALSE(reg("Iter\\Alpha").EnumSubKeys());
-  EXPECT_FALSE(reg("Iter\\Missing").EnumSubKeys());
-
-  // Copies walk on their own; consume takes over; detach hands the handle out.
-  Registry::KeyIterator a = r.EnumSubKeys();
-  Registry::KeyIterator b = a;
-  ++b;
-  EXPECT_EQ(str(a.GetKey()), "Alpha");
-  EXPECT_EQ(str(b.GetKey()), "beta");
-  Registry::KeyIterator c;
-  c.consume(b);
-  EXPECT_FALSE(b);
-  EXPECT_EQ(str(c.GetKey()), "beta");
-  ++c;
-  EXPECT_EQ(str(c.GetKey()), "gamma");
-  EXPECT_TRUE(seen.empty());
-  a.consume(c);  // a still holds its own handle
-  ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0].condition, "m_enumKey == NULL");
-  EXPECT_EQ(seen[0].message, "You are consuming into a non-empty KeyIterator. This will leak the REG_HANDLE.");
-  HKEY h = a.detach();
-  EXPECT_FALSE(a);
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(RegCloseKey(h), ERROR_SUCCESS);
 }
 
 TEST_F(RegistryTest, ValueIteratorTextRules) {
@@ -349,91 +149,6 @@ TEST_F(RegistryTest, ValueIteratorTextRules) {
   EXPECT_EQ(seen[1].condition, "m_enumValue == NULL");
   EXPECT_EQ(seen[1].message, "You are consuming into a non empty ValueIterator. This will leak the REG_HANDLE.");
   EXPECT_FALSE(reg("Vals\\None").EnumValues());
-}
-
-TEST_F(RegistryTest, RemoteMachine) {
-  std::string remoteDir = dir + "/remote";
-  setenv("QUENLIB_REGISTRY_DIR", (remoteDir + "/far").c_str(), 1);
-  ASSERT_TRUE(reg("Software\\Where", HKEY_LOCAL_MACHINE).WriteValue("place", SAnsiString("far")));
-  ASSERT_TRUE(reg("Software\\Where\\Sub", HKEY_LOCAL_MACHINE).WriteValue("x", 1u));
-  setenv("QUENLIB_REGISTRY_DIR", dir.c_str(), 1);
-  ASSERT_TRUE(reg("Software\\Where", HKEY_LOCAL_MACHINE).WriteValue("place", SAnsiString("near")));
-
-  Registry r = reg("Software\\Where", HKEY_CURRENT_USER);
-  r.SetRemoteMachine("\\\\far");  // no remote directory configured
-  EXPECT_FALSE(r.IsRemoteReg());
-  EXPECT_EQ(str(r.ReadValue("place")), "");  // still the local user root
-
-  setenv("QUENLIB_REGISTRY_REMOTE_DIR", remoteDir.c_str(), 1);
-  Registry local = reg("Software\\Where", HKEY_CURRENT_USER);
-  local.SetRemoteMachine("");
-  EXPECT_FALSE(local.IsRemoteReg());
-  for (char const* name : {"far", "\\\\far", "\\\\\\\\\\far"}) {
-    Registry m = reg("Software\\Where", HKEY_CURRENT_USER);
-    m.SetRemoteMachine(name);
-    EXPECT_TRUE(m.IsRemoteReg()) << name;
-    EXPECT_EQ(str(m.GetRemoteMachineName()), "far");
-    EXPECT_EQ(str(m.ReadValue("place")), "far");  // always the remote machine root
-    Registry copy = m;
-    EXPECT_TRUE(copy.IsRemoteReg());
-    EXPECT_EQ(str(copy.ReadValue("place")), "far");
-  }
-  Registry m = reg("Software\\Where", HKEY_LOCAL_MACHINE);
-  m.SetRemoteMachine("far");
-  EXPECT_TRUE(m.DeleteKeyRecursive(false));
-  EXPECT_FALSE(m.EnumSubKeys());
-  m.SetRemoteKeyHandle(HKEY_LOCAL_MACHINE);
-  EXPECT_EQ(str(m.ReadValue("place")), "near");
-}
-
-TEST(RegistryPaths, RootClassesUseTheSuitePaths) {
-  struct Row {
-    Registry r;
-    char const* path;
-  };
-  std::string company = "Software\\Orrin Tolvane\\Suite KR 4.0";
-  Row rows[] = {
-      {CompanyRegistry(), company.c_str()},
-      {UserCompanyRegistry(), "Software\\Orrin Tolvane"},
-      {UserSharedRegistry(), "Software\\Orrin Tolvane\\Suite KR 4.0\\Shared"},
-      {UserSharedRegistry("Tool"), "Software\\Orrin Tolvane\\Suite KR 4.0\\Shared\\Tool"},
-      {APSRegistry(), "Software\\Orrin Tolvane\\Suite KR 4.0\\CMS"},
-      {APSRegistry("Inst", "Sub"), "Software\\Orrin Tolvane\\Suite KR 4.0\\CMS\\Instances\\Inst\\Sub"},
-      {ODBCRegistry(), "Software\\ODBC"},
-      {TransportRegistry(), "Software\\Orrin Tolvane\\Suite KR 4.0\\Transport"},
-      {WebConnectorRegistry(), "Software\\Orrin Tolvane\\Suite KR 4.0\\Web Connector"},
-      {SharedToolsRegistry(), "Software\\Orrin Tolvane\\Suite KR 4.0\\Shared Tools"},
-      {CompanyRegistry("X", "Pre\\", HKEY_USERS, false), "Pre\\X"},
-  };
-  for (auto const& row : rows) EXPECT_EQ(str(row.r.GetKeyName()), row.path);
-  EXPECT_EQ(APSRegistry("Inst").GetInstanceKey() == SAnsiString("Inst"), true);
-  EXPECT_STREQ(REGISTRY_HOME_ENVVAR, "TQE_REGISTRYHOME");
-  EXPECT_STREQ(LEGACY_COMPANY_ROOTS[0], "Lumaris Decisions");
-  EXPECT_STREQ(LEGACY_COMPANY_ROOTS[3], "Software\\Tolvane");
-}
-
-TEST(RegistryPaths, APSConstants) {
-  struct {
-    char const* value;
-    char const* want;
-  } rows[] = {
-      {APSRegistry::APSRegistryKey, "CMS"},
-      {APSRegistry::VALUE_TRUE, "true"},
-      {APSRegistry::VALUE_NO, "no"},
-      {APSRegistry::VALUE_ZERO, "0"},
-      {APSRegistry::REG_KEY_APSSOCKSSERVERS, "CMSSocksServers"},
-      {APSRegistry::REG_AUTH_ERR_PAGE, "UnauthorizedPage"},
-      {APSRegistry::REG_TIMEOUT_VALUE, "ConnectionTimeout"},
-      {APSRegistry::REG_REQUESTTRIGGEREDCLEANUPTHRESHOLD, "RequestTriggeredInstanceLimitsThreshold"},
-      {APSRegistry::REG_MAXIMUMCLUSTERMEMBERTIMEDISCREPENCYINMINUTES, "MaximumClusterMemberTimeDiscrepencyInMinutes"},
-      {APSRegistry::REG_THREADTIMEOUTMINUTES, "ThreadTimeoutAfterNMinutes"},
-      {APSRegistry::REG_DATABASECONNECT, "DatabaseConnectString"},
-      {APSRegistry::REG_AUDITDATABASECONNECT, "AuditingDatabaseConnectString"},
-      {APSRegistry::REG_MAXPROCESSINGPACKAGES, "MaximumProcessingObjectPackages"},
-      {APSRegistry::REG_QUERYLENGTHLIMIT, "QuerySizeLimit"},
-      {APSRegistry::REG_LINK_TO_3RDPARTY_GROUP, "LinkTo3rdPartyGroup"},
-  };
-  for (auto const& row : rows) EXPECT_STREQ(row.value, row.want);
 }
 
 TEST_F(RegistryTest, UserValuesFallBackToLegacyRootsAndMigrateOnce) {

@@ -1,39 +1,23 @@
-// The registry store's function layer: handles, buffers and sizes,
-// enumeration, deletion rules, names, permissions and remote stores.
-#include <quenlib/regapi.h>
+// The registry store's function layer: value types, buffers and sizes,
+// enumeration, deletion rules, permissions, store files, remote stores and
+// environment expansion.
 
-#include <gtest/gtest.h>
+#include "config_support.h"
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <string>
-#include <vector>
 
 using namespace QuenLibA500;
 namespace fs = std::filesystem;
 
 namespace {
 
-class RegStore : public ::testing::Test {
+class RegStore : public quentest::StoreTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/regstoreXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-    setenv("QUENLIB_REGISTRY_DIR", dir.c_str(), 1);
-    unsetenv("QUENLIB_REGISTRY_REMOTE_DIR");
-  }
   void TearDown() override {
     for (HKEY k : opened) RegCloseKey(k);
-    unsetenv("QUENLIB_REGISTRY_DIR");
-    unsetenv("QUENLIB_REGISTRY_REMOTE_DIR");
-    std::error_code ec;
-    fs::permissions(dir, fs::perms::owner_all, fs::perm_options::add, ec);
-    fs::remove_all(dir, ec);
+    StoreTest::TearDown();
   }
 
   HKEY create(char const* path, HKEY root = HKEY_CURRENT_USER, REGSAM access = KEY_ALL_ACCESS) {
@@ -65,7 +49,6 @@ class RegStore : public ::testing::Test {
     return std::string(buf, size ? size - 1 : 0);
   }
 
-  std::string dir;
   std::vector<HKEY> opened;
 };
 
@@ -127,42 +110,6 @@ TEST_F(RegStore, SizeQueryAndMoreData) {
   DWORD dw = 1;
   EXPECT_EQ(RegSetValueExA(k, "bad", 0, REG_DWORD, reinterpret_cast<BYTE*>(&dw), 3),
             ERROR_INVALID_PARAMETER);
-}
-
-TEST_F(RegStore, StringsWithoutTerminatorAreStoredTerminated) {
-  HKEY k = create("Terminators");
-  ASSERT_EQ(RegSetValueExA(k, "a", 0, REG_SZ, reinterpret_cast<BYTE const*>("abc"), 3), ERROR_SUCCESS);
-  ASSERT_EQ(RegSetValueExA(k, "e", 0, REG_SZ, nullptr, 0), ERROR_SUCCESS);
-  DWORD size = 0;
-  RegQueryValueExA(k, "a", nullptr, nullptr, nullptr, &size);
-  EXPECT_EQ(size, 4u);
-  EXPECT_EQ(getText(k, "a"), "abc");
-  RegQueryValueExA(k, "e", nullptr, nullptr, nullptr, &size);
-  EXPECT_EQ(size, 1u);
-  EXPECT_EQ(getText(k, "e"), "");
-}
-
-TEST_F(RegStore, NamesIgnoreCaseAndKeepIt) {
-  HKEY k = create("Software\\MixedCase");
-  ASSERT_EQ(setText(k, "ValueName", "1"), ERROR_SUCCESS);
-  ASSERT_EQ(setText(k, "VALUENAME", "2"), ERROR_SUCCESS);  // same value
-  ASSERT_EQ(setText(k, "\xc3\x84rger", "3"), ERROR_SUCCESS);  // "Ärger"
-  EXPECT_EQ(getText(k, "valuename"), "2");
-  EXPECT_EQ(getText(k, "\xc3\xa4RGER"), "3");  // "äRGER"
-  HKEY again = nullptr;
-  ASSERT_EQ(open("SOFTWARE\\mixedcase", KEY_READ, again), ERROR_SUCCESS);
-  EXPECT_EQ(getText(again, "VaLuEnAmE"), "2");
-
-  char name[64];
-  DWORD chars = sizeof name;
-  ASSERT_EQ(RegEnumValueA(k, 0, name, &chars, nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
-  EXPECT_STREQ(name, "ValueName");  // the first spelling is kept
-  EXPECT_EQ(chars, 9u);
-  HKEY soft = nullptr;
-  ASSERT_EQ(open("software", KEY_READ, soft), ERROR_SUCCESS);
-  chars = sizeof name;
-  ASSERT_EQ(RegEnumKeyExA(soft, 0, name, &chars, nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
-  EXPECT_STREQ(name, "MixedCase");
 }
 
 TEST_F(RegStore, EnumerationOrderAndEnd) {
@@ -257,64 +204,6 @@ TEST_F(RegStore, AccessRightsOfHandles) {
             ERROR_ACCESS_DENIED);
 }
 
-TEST_F(RegStore, BadArgumentsAndHandles) {
-  HKEY k = nullptr;
-  struct {
-    char const* path;
-    LONG rc;
-  } paths[] = {
-      {"\\Leading", ERROR_BAD_PATHNAME},
-      {"Double\\\\Sep", ERROR_BAD_PATHNAME},
-      {"Trailing\\", ERROR_SUCCESS},
-  };
-  for (auto const& p : paths) {
-    EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, p.path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k,
-                              nullptr),
-              p.rc)
-        << p.path;
-    if (k) RegCloseKey(k);
-    k = nullptr;
-  }
-  EXPECT_EQ(open("trailing", KEY_READ, k), ERROR_SUCCESS);
-  std::string longName(256, 'n');
-  EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, longName.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                            nullptr, &k, nullptr),
-            ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "x", 0, KEY_READ, nullptr), ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(RegCloseKey(nullptr), ERROR_INVALID_HANDLE);
-  EXPECT_EQ(RegCloseKey(HKEY_LOCAL_MACHINE), ERROR_SUCCESS);
-  EXPECT_EQ(RegOpenKeyExA(nullptr, "x", 0, KEY_READ, &k), ERROR_INVALID_HANDLE);
-  EXPECT_EQ(SetHandleInformation(HKEY_CURRENT_USER, HANDLE_FLAG_INHERIT, 0), 1);
-}
-
-TEST_F(RegStore, OpenToEverybodyIsRecorded) {
-  SECURITY_DESCRIPTOR sd;
-  ASSERT_TRUE(InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION));
-  ASSERT_TRUE(SetSecurityDescriptorDacl(&sd, 1, nullptr, 0));
-  SECURITY_ATTRIBUTES sa{sizeof sa, &sd, 1};
-  HKEY open = nullptr, plain = nullptr;
-  DWORD disp = 0;
-  ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "Open\\Key", 0, nullptr, 0, KEY_WRITE, &sa, &open, &disp),
-            ERROR_SUCCESS);
-  EXPECT_EQ(disp, REG_CREATED_NEW_KEY);
-  opened.push_back(open);
-  plain = create("Plain", HKEY_LOCAL_MACHINE);
-  BOOL flag = 0;
-  ASSERT_EQ(RegQueryKeyOpenToEverybody(open, &flag), ERROR_SUCCESS);
-  EXPECT_TRUE(flag);
-  ASSERT_EQ(RegQueryKeyOpenToEverybody(plain, &flag), ERROR_SUCCESS);
-  EXPECT_FALSE(flag);
-  HKEY parent = nullptr;
-  ASSERT_EQ(this->open("Open", KEY_READ, parent, HKEY_LOCAL_MACHINE), ERROR_SUCCESS);
-  ASSERT_EQ(RegQueryKeyOpenToEverybody(parent, &flag), ERROR_SUCCESS);
-  EXPECT_FALSE(flag);  // only the key asked for carries the flag
-  HKEY again = nullptr;
-  ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "open\\key", 0, nullptr, 0, KEY_WRITE, nullptr, &again, &disp),
-            ERROR_SUCCESS);
-  opened.push_back(again);
-  EXPECT_EQ(disp, REG_OPENED_EXISTING_KEY);
-}
-
 TEST_F(RegStore, StoreFilesAndModes) {
   EXPECT_EQ(RegStorePath(HKEY_LOCAL_MACHINE), dir + "/machine.db");
   EXPECT_EQ(RegStorePath(HKEY_CURRENT_USER), dir + "/user.db");
@@ -345,54 +234,15 @@ TEST_F(RegStore, StoreFilesAndModes) {
   EXPECT_TRUE(fs::exists(nested + "/machine.db"));
 }
 
-TEST_F(RegStore, DefaultUserStoreFollowsXdgConfigHome) {
-  unsetenv("QUENLIB_REGISTRY_DIR");
-  std::string old = getenv("XDG_CONFIG_HOME") ? getenv("XDG_CONFIG_HOME") : "";
-  setenv("XDG_CONFIG_HOME", (dir + "/cfg").c_str(), 1);
-  EXPECT_EQ(RegStorePath(HKEY_CURRENT_USER), dir + "/cfg/quenlib/user.db");
-  EXPECT_EQ(RegStorePath(HKEY_LOCAL_MACHINE), "/var/lib/quenlib/machine.db");
-  HKEY k = create("Xdg");
-  EXPECT_NE(k, nullptr);
-  struct stat st;
-  ASSERT_EQ(stat((dir + "/cfg/quenlib").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
-  if (old.empty()) unsetenv("XDG_CONFIG_HOME");
-  else setenv("XDG_CONFIG_HOME", old.c_str(), 1);
-}
-
-TEST_F(RegStore, ReadOnlyStoreGivesAccessDenied) {
-  HKEY k = create("Locked", HKEY_LOCAL_MACHINE);
-  ASSERT_EQ(setText(k, "v", "before"), ERROR_SUCCESS);
-  ASSERT_EQ(chmod((dir + "/machine.db").c_str(), 0444), 0);
-  // Rights are granted when a key is opened: a handle opened for writing
-  // before the change keeps them, as on the original platform.
-  EXPECT_EQ(setText(k, "v", "before"), ERROR_SUCCESS);
-  RegCloseKey(k);
-  opened.clear();
-  HKEY w = nullptr;
-  EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "Locked", 0, nullptr, 0, KEY_WRITE, nullptr, &w, nullptr),
-            ERROR_ACCESS_DENIED);
-  EXPECT_EQ(open("Locked", KEY_WRITE, w, HKEY_LOCAL_MACHINE), ERROR_ACCESS_DENIED);
-  HKEY r = nullptr;
-  ASSERT_EQ(open("Locked", KEY_READ, r, HKEY_LOCAL_MACHINE), ERROR_SUCCESS);
-  EXPECT_EQ(getText(r, "v"), "before");
-  EXPECT_EQ(RegDeleteKeyA(HKEY_LOCAL_MACHINE, "Locked"), ERROR_ACCESS_DENIED);
-  ASSERT_EQ(chmod((dir + "/machine.db").c_str(), 0644), 0);
-  EXPECT_EQ(RegDeleteKeyA(HKEY_LOCAL_MACHINE, "Locked"), ERROR_SUCCESS);
-}
-
 TEST_F(RegStore, RemoteConnection) {
   HKEY remote = nullptr;
   EXPECT_EQ(RegConnectRegistryA("\\\\host", HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH);
   std::string remoteDir = dir + "/remote";
   setenv("QUENLIB_REGISTRY_REMOTE_DIR", remoteDir.c_str(), 1);
-  EXPECT_EQ(RegConnectRegistryA("\\\\host", HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH);
   // Build the remote machine's store by pointing the local root at it.
-  setenv("QUENLIB_REGISTRY_DIR", (remoteDir + "/host").c_str(), 1);
-  HKEY there = create("Software\\There", HKEY_LOCAL_MACHINE);
-  ASSERT_EQ(setText(there, "where", "remote"), ERROR_SUCCESS);
-  setenv("QUENLIB_REGISTRY_DIR", dir.c_str(), 1);
-
+  useStore(remoteDir + "/host");
+  ASSERT_EQ(setText(create("Software\\There", HKEY_LOCAL_MACHINE), "where", "remote"), ERROR_SUCCESS);
+  useStore(dir);
   for (char const* name : {"\\\\host", "host", "\\\\\\\\host"}) {
     ASSERT_EQ(RegConnectRegistryA(name, HKEY_LOCAL_MACHINE, &remote), ERROR_SUCCESS) << name;
     HKEY k = nullptr;
@@ -401,8 +251,8 @@ TEST_F(RegStore, RemoteConnection) {
     RegCloseKey(k);
     EXPECT_EQ(RegCloseKey(remote), ERROR_SUCCESS);
   }
-  EXPECT_EQ(RegConnectRegistryA("\\\\..", HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH);
-  EXPECT_EQ(RegConnectRegistryA("\\\\a/b", HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH);
+  for (char const* bad : {"\\\\..", "\\\\a/b"})
+    EXPECT_EQ(RegConnectRegistryA(bad, HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH) << bad;
   EXPECT_EQ(RegConnectRegistryA("\\\\host", HKEY_CURRENT_USER, &remote), ERROR_INVALID_HANDLE);
   ASSERT_EQ(RegConnectRegistryA(nullptr, HKEY_LOCAL_MACHINE, &remote), ERROR_SUCCESS);
   EXPECT_EQ(remote, HKEY_LOCAL_MACHINE);

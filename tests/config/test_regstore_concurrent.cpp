@@ -1,39 +1,21 @@
 // Several threads and processes on one registry store: no torn reads, no
 // lost writes, and a writer killed mid-stream leaves a sound store holding
 // every write it reported.
-#include <quenlib/regapi.h>
 
-#include <gtest/gtest.h>
+#include "config_support.h"
 #include <signal.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <string>
 #include <thread>
-#include <vector>
 
 using namespace QuenLibA500;
 namespace fs = std::filesystem;
 
 namespace {
 
-class RegStoreConcurrent : public ::testing::Test {
+class RegStoreConcurrent : public quentest::StoreTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/regconcXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-    setenv("QUENLIB_REGISTRY_DIR", dir.c_str(), 1);
-  }
-  void TearDown() override {
-    unsetenv("QUENLIB_REGISTRY_DIR");
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
 
   std::string integrity() const {
     sqlite3* db = nullptr;
@@ -49,7 +31,6 @@ class RegStoreConcurrent : public ::testing::Test {
     return result;
   }
 
-  std::string dir;
 };
 
 HKEY createKey(char const* path) {

@@ -53,25 +53,3 @@ TEST(ParamLineArgs, SplitsLikeTheShell) {
   };
   for (SplitCase const& c : cases) EXPECT_EQ(CParamLineArgs(c.text).Words(), c.words) << c.text;
 }
-
-TEST(ParamLineArgs, CmdLineRoundTrips) {
-  std::vector<std::string> const words = {"/opt/srv", "-logFile", "/tmp/with space/x.log", "", "it's",
-                                          "a\"b", "$HOME", "tab\there", "plain-word_1.2=3:4,5"};
-  CParamLineArgs const args(words);
-  std::string const line = args.CmdLine();
-  EXPECT_EQ(CParamLineArgs(line.c_str()).Words(), words) << line;
-  EXPECT_EQ(line.substr(0, 18), "/opt/srv -logFile ");
-  EXPECT_NE(line.find(" plain-word_1.2=3:4,5"), std::string::npos);
-}
-
-TEST(ParamLineArgs, AppendAndCurrentProcess) {
-  CParamLineArgs a("prog -trace s");
-  a.Append(CParamLineArgs("-trace xl"));
-  a.AddArg("-keep");
-  a.AddArg("4");
-  EXPECT_EQ(a.Value("trace"), "xl");
-  EXPECT_EQ(a.Value("keep"), "4");
-  CParamLineArgs self = CParamLineArgs::FromCurrentProcess();
-  ASSERT_GE(self.GetCount(), 1);
-  EXPECT_NE(self.Word(0).find("test_paramlineargs"), std::string::npos);
-}

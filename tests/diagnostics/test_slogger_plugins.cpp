@@ -1,12 +1,7 @@
 // Logging plug-ins: loading, delivery, parameters, refusal of incomplete ones.
 #include <quenlib/paramlineargs.h>
-#include <quenlib/slogger.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-
-#include "test_trace_support.h"
+#include "diagnostics_support.h"
 
 using namespace QuenLibA500;
 
@@ -20,7 +15,7 @@ class Plugins : public ::testing::Test {
     ::unsetenv("LOG_XN_EXAMPLE_FILE");
   }
   tracetest::ScratchDir dir;
-  std::string const out = dir.file("plugin-out.txt");
+  std::string const out = (dir / "plugin-out.txt");
   tracetest::Recorder rec;
 };
 
@@ -43,7 +38,7 @@ TEST_F(Plugins, ExamplePluginReceivesEveryLine) {
   EXPECT_EQ(SLogger::PluginParam("log_xn_other", "file"), "");
   SLogger::Terminate();
   EXPECT_TRUE(SLogger::PluginNames().IsEmpty());
-  EXPECT_EQ(tracetest::readFile(out),
+  EXPECT_EQ(tracetest::ReadFile(out),
             "4 loomtrace_logger:0 SLogger: logging plug-in " QUENLIB_PLUGIN_DIR
             "/log_xn_future.so has interface version 2.0, 1.x expected\n"
             "4 loomtrace_logger:0 SLogger: logging plug-in " QUENLIB_PLUGIN_DIR
@@ -54,7 +49,7 @@ TEST_F(Plugins, ExamplePluginReceivesEveryLine) {
 }
 
 TEST_F(Plugins, MissingDirectoryIsReported) {
-  EXPECT_FALSE(tracetest::init("-loggingPluginDir " + dir.file("none")));
-  EXPECT_TRUE(rec.sawText("SLogger: loggingPluginDir " + dir.file("none") + " is not a directory"));
+  EXPECT_FALSE(tracetest::init("-loggingPluginDir " + (dir / "none")));
+  EXPECT_TRUE(rec.sawText("SLogger: loggingPluginDir " + (dir / "none") + " is not a directory"));
   EXPECT_TRUE(SLogger::PluginNames().IsEmpty());
 }

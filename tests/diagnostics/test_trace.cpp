@@ -1,20 +1,16 @@
 // The trace bridge: level table, options and their messages, the should-
 // trace test, prefixes, the file/line filter, log files.
 #include <quenlib/paramlineargs.h>
-#include <quenlib/slogger.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <set>
 #include <thread>
 
 #include "diagnostics/trace.h"
-#include "test_trace_support.h"
+#include "diagnostics_support.h"
 
 using namespace QuenLibA500;
 using tracetest::init;
-using tracetest::readFile;
+using tracetest::ReadFile;
 
 namespace {
 
@@ -38,19 +34,6 @@ class Trace : public ::testing::Test {
 
 TEST(TraceTable, ShippedTableValidates) {
   EXPECT_TRUE(tracing::ValidateMapping(tracing::kLevelTable, SLogger::kLevelCount).empty());
-}
-
-TEST(TraceTable, BrokenTablesAreReported) {
-  tracing::LevelRow rows[SLogger::kLevelCount];
-  std::copy(std::begin(tracing::kLevelTable), std::end(tracing::kLevelTable), rows);
-  rows[7].level = 8;
-  auto faults = tracing::ValidateMapping(rows, SLogger::kLevelCount);
-  ASSERT_EQ(faults.size(), 1u);
-  EXPECT_EQ(faults[0], "ValidateMapping: Loomtrace mapping is out of sync index 7");
-
-  faults = tracing::ValidateMapping(tracing::kLevelTable, SLogger::kLevelCount - 1);
-  ASSERT_EQ(faults.size(), 1u);
-  EXPECT_EQ(faults[0], "ValidateMapping: Loomtrace mapping was incorrectly terminated - found level18 had trace_level-1");
 }
 
 TEST_F(Trace, DefaultStateTracesWarningsAndErrorsOnly) {
@@ -85,15 +68,6 @@ TEST_F(Trace, TraceValueGrammar) {
     EXPECT_TRUE(init(std::string("-trace '") + c.value + "'")) << c.value;
     EXPECT_EQ(levelsOn(), c.on) << c.value;
   }
-}
-
-TEST_F(Trace, OnOffOptionsAddRequestLevels) {
-  EXPECT_TRUE(init("-trace l -reqTrace on -sdkTrace=on"));
-  EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_RequestL, "x.cpp"));
-  EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_SdkRequest, "x.cpp"));
-  EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_RequestXL, "x.cpp"));
-  EXPECT_TRUE(init("-trace l,req -reqTrace off"));
-  EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_Request, "x.cpp"));
 }
 
 struct BadOption {
@@ -143,43 +117,6 @@ TEST_F(Trace, NevertraceAndNoassert) {
   EXPECT_TRUE(SLogger::ShouldAssert());
 }
 
-TEST_F(Trace, PrefixesAndLabels) {
-  init("-trace xl,req,sdk,scope");
-  SLogger::Trace(SLogger::tl_RequestL, "a", "dir/r.cpp", 3);
-  SLogger::Trace(SLogger::tl_SdkRequest, "b", "s.cpp", 4);
-  SLogger::Trace(SLogger::tl_M, "c", "m.cpp", 5);
-  SLogger::Trace(SLogger::tl_Scope, "d", "m.cpp", 6);
-  auto lines = rec.lines();
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[0].text, "REQUEST\ta");
-  EXPECT_EQ(lines[0].file, "r");
-  EXPECT_EQ(lines[0].line, 3);
-  EXPECT_EQ(lines[1].text, "SDKREQ\tb");
-  EXPECT_EQ(lines[2].text, "c");
-  EXPECT_EQ(lines[2].level, SLogger::tl_M);
-  EXPECT_EQ(lines[3].text, "d");
-}
-
-TEST_F(Trace, OffLevelsAreNotDelivered) {
-  init("-trace s");
-  SLogger::Trace(SLogger::tl_L, "hidden", "x.cpp", 1);
-  SLogger::Trace(SLogger::tl_S, "shown", "x.cpp", 1);
-  EXPECT_EQ(rec.texts(), (std::vector<std::string>{"shown"}));
-}
-
-TEST_F(Trace, InvalidLevelsAreReported) {
-  init("-trace xl");
-  EXPECT_FALSE(SLogger::ShouldTrace(42, "dir/w.cpp", 17));
-  SLogger::Trace(SLogger::tl_Never, "x", "dir/w.cpp", 18);
-  SLogger::Trace(static_cast<SLogger::tracelevel>(-3), "x", "dir/w.cpp", 19);
-  auto a = rec.asserts();
-  ASSERT_EQ(a.size(), 3u);
-  EXPECT_EQ(a[0], "w:17:0:TraceBridge::ShouldTrace: Invalid trace level specified at dir/w.cpp:17");
-  EXPECT_EQ(a[1], "w:18:0:Invalid or unimplemented tracing level at dir/w.cpp:18");
-  EXPECT_EQ(a[2], "w:19:0:Invalid or unimplemented tracing level at dir/w.cpp:19");
-  EXPECT_TRUE(rec.lines().empty());
-}
-
 TEST_F(Trace, FileLineFilter) {
   init("-trace l -fileLogFilter 'src/alpha.cpp, beta:10-20,Gamma.h:5'");
   EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_L, "/x/alpha.cpp", 999));
@@ -195,25 +132,13 @@ TEST_F(Trace, FileLineFilter) {
   EXPECT_TRUE(ShouldTrace_slowpath(SLogger::tl_L, "alpha.cpp", 1));
 }
 
-TEST_F(Trace, LogRecordText) {
-  init("-trace l");
-  SLog(SLogger::ll_Info, SLogger::lc_Audit, 42, "a", std::string("b"));
-  SLogger::Log(SLogger::ll_Error, SLogger::lc_Security, 7, SIArray<std::string>());
-  SLog(SLogger::ll_Debug, SLogger::lc_General, 1, "d");
-  init("-trace w");
-  SLog(SLogger::ll_Info, SLogger::lc_Audit, 43, "hidden");
-  EXPECT_EQ(rec.texts(), (std::vector<std::string>{"Log: level=info cat=audit msg=42: a, b",
-                                                    "Log: level=error cat=security msg=7",
-                                                    "Log: level=debug cat=general msg=1: d"}));
-}
-
 TEST_F(Trace, LogFileLinesCarryTimeLevelThreadSourceAndLine) {
-  std::string const file = dir.file("logs/deeper/app.log");
+  std::string const file = (dir / "logs/deeper/app.log");
   ASSERT_TRUE(init("-trace m -logFile " + file + " -tracecmpname on"));
   EXPECT_EQ(SLogger::LogFile(), file);
   SLogger::Trace(SLogger::tl_M, "hello file", "src/oburl.cpp", 77, 2);
   SLogger::Terminate();
-  std::string const text = readFile(file);
+  std::string const text = ReadFile(file);
   // "2026-11-21 10:00:00.123 4711 [test_trace] M       oburl(77):     hello file"
   EXPECT_NE(text.find("M       oburl(77):     hello file\n"), std::string::npos) << text;
   EXPECT_NE(text.find(" [test_trace] "), std::string::npos) << text;
@@ -222,122 +147,23 @@ TEST_F(Trace, LogFileLinesCarryTimeLevelThreadSourceAndLine) {
   EXPECT_EQ(SLogger::LogFile(), "");
 }
 
-TEST_F(Trace, LogDirectoryThatCannotBeCreated) {
-  std::string const blocker = dir.file("plainfile");
-  tracetest::writeFile(blocker, "x");
-  EXPECT_FALSE(init("-logFile " + blocker + "/sub/app.log -trace m"));
-  EXPECT_TRUE(rec.sawText(
-      "The internal logger count not create the required directories\n"
-      "The specified path is not accessible or does not exist:" +
-      blocker + "/sub"));
-  EXPECT_EQ(SLogger::LogFile(), "");
-  EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_M, "x.cpp"));  // still tracing, to stderr
-}
-
 TEST_F(Trace, AlwaysCloseWritesEachLineAndRotates) {
-  std::string const file = dir.file("ac.log");
+  std::string const file = (dir / "ac.log");
   ASSERT_TRUE(init("-trace m -alwaysclose -maxLogFileSize 400 -keep 2 -logFile " + file));
   SLogger::Trace(SLogger::tl_M, "first", "a.cpp", 1);
   // Closed after the line: the text is on disk without a flush.
-  EXPECT_NE(readFile(file).find("first"), std::string::npos);
+  EXPECT_NE(ReadFile(file).find("first"), std::string::npos);
   for (int i = 0; i < 20; ++i) SLogger::Trace(SLogger::tl_M, ("line " + std::to_string(i)).c_str(), "a.cpp", 1);
-  EXPECT_LE(readFile(file).size(), 400u);
-  EXPECT_FALSE(readFile(dir.file("ac.1.log")).empty());
-  EXPECT_FALSE(readFile(dir.file("ac.2.log")).empty());
-  EXPECT_FALSE(std::filesystem::exists(dir.file("ac.3.log")));
-  EXPECT_NE(readFile(file).find("line 19"), std::string::npos);
-}
-
-TEST_F(Trace, EnvironmentAddsOptions) {
-  ::setenv("TQE_LOGGER_ENVIRONMENT", "-trace xl -noassert", 1);
-  SLogger::Initialize(CParamLineArgs("prog -trace s"), false);
-  EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_XL, "x.cpp"));
-  SLogger::Initialize(CParamLineArgs("prog -trace s"));
-  EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_XL, "x.cpp"));
-  EXPECT_FALSE(SLogger::ShouldAssert());
-}
-
-TEST_F(Trace, VerbosePrintsTheStateBeforeAndAfter) {
-  init("-verbose -trace l -fileLogFilter a,b:3");
-  auto texts = rec.texts();
-  ASSERT_GE(texts.size(), 3u);
-  EXPECT_EQ(texts[0].rfind("Admin before TraceBridge::Initialize:\ntrace: w\n", 0), 0u) << texts[0];
-  EXPECT_EQ(texts[1].rfind("Loomtrace state:\ntrace: l\n", 0), 0u) << texts[1];
-  EXPECT_EQ(texts[2], "Using ByFileLine predicate:\na,b:3");
-}
-
-TEST_F(Trace, DescribeStateIsADryRun) {
-  std::string const file = dir.file("never/created.log");
-  std::string const d = SLogger::DescribeState(
-      CParamLineArgs(("prog -trace l,scope -logFile " + file + " -maxLogFileSize 1000 -keep 3 -keep x").c_str()),
-      false);
-  EXPECT_NE(d.find("trace: l,scope\n"), std::string::npos) << d;
-  EXPECT_NE(d.find("output: " + file + " (rotated at 1000 bytes, keep 3)\n"), std::string::npos) << d;
-  EXPECT_NE(d.find("settings file: " + dir.file("never/trace.ini") + " (watched by TraceStateUpdater)"),
-            std::string::npos)
-      << d;
-  EXPECT_NE(d.find("   7 l           L          on\n"), std::string::npos) << d;
-  EXPECT_NE(d.find("   8 xl          XL         off\n"), std::string::npos) << d;
-  EXPECT_NE(d.find("rejected: TraceBridge::Initialize: Invalid argument 'x' provided to -keep - must be an integer"),
-            std::string::npos);
-  EXPECT_FALSE(std::filesystem::exists(dir.file("never")));
-  EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_Warning, "x.cpp"));
-  EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_L, "x.cpp"));
-}
-
-TEST_F(Trace, SettingsFileIsReadAtStartWithoutTheThread) {
-  tracetest::writeFile(dir.file("trace.ini"),
-                       "# operator settings\n[trace]\ntrace = xl\nfileLogFilter = hot.cpp\nbogus = 1\n");
-  ASSERT_FALSE(init("-trace s -notracethread -logFile " + dir.file("x.log")));
-  EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_XL, "hot.cpp", 3));
-  EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_XL, "cold.cpp", 3));
-  EXPECT_TRUE(rec.sawText("TraceStateUpdater: " + dir.file("trace.ini") + ": unknown setting 'bogus'"));
-  ASSERT_TRUE(init("-trace s -notraceini -logFile " + dir.file("x.log")));
-  EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_XL, "hot.cpp", 3));
-}
-
-TEST_F(Trace, MajorTickCountsStateChanges) {
-  DWORD const t0 = SLogger::GetMajorTick();
-  init("-trace l");
-  DWORD const t1 = SLogger::GetMajorTick();
-  EXPECT_GT(t1, t0);
-  SLogger::Terminate();
-  EXPECT_GT(SLogger::GetMajorTick(), t1);
-}
-
-TEST_F(Trace, AssertOptions) {
-  init("-stackdump -nativeassert");
-  EXPECT_TRUE(SLogger::CanStackDump());
-  EXPECT_TRUE(SLogger::IsNativeAssert());
-  SAssert("dir/native.cpp", 5, "a == b", "native form");
-  EXPECT_EQ(rec.asserts(), (std::vector<std::string>{"native:5:a == b:native form"}));
-  init("-nativeassert -nonativeassert");
-  EXPECT_FALSE(SLogger::IsNativeAssert());
-  EXPECT_FALSE(SLogger::CanStackDump());
-}
-
-TEST_F(Trace, AssertionGoesToTheLogFile) {
-  std::string const file = dir.file("a.log");
-  init("-logFile " + file);
-  SAssert("src/sstring.cpp", 12, "p != 0", "null");
-  SLogger::Terminate();
-  EXPECT_NE(readFile(file).find("Assert  sstring(12): Assertion failed: p != 0 - null\n"), std::string::npos)
-      << readFile(file);
-}
-
-TEST_F(Trace, StackDumpFollowsTheAssertion) {
-  std::string const file = dir.file("s.log");
-  init("-stackdump -logFile " + file);
-  SAssert("src/deep.cpp", 3, "depth < 10");
-  SLogger::Terminate();
-  std::string const text = readFile(file);
-  size_t const at = text.find("Assert  deep(3): Assertion failed: depth < 10\n    at ");
-  EXPECT_NE(at, std::string::npos) << text;
+  EXPECT_LE(ReadFile(file).size(), 400u);
+  EXPECT_FALSE(ReadFile((dir / "ac.1.log")).empty());
+  EXPECT_FALSE(ReadFile((dir / "ac.2.log")).empty());
+  EXPECT_FALSE(std::filesystem::exists((dir / "ac.3.log")));
+  EXPECT_NE(ReadFile(file).find("line 19"), std::string::npos);
 }
 
 TEST_F(Trace, ExitWithoutTerminateStillFlushesTheLog) {
   GTEST_FLAG_SET(death_test_style, "fast");  // the child shares the scratch directory
-  std::string const file = dir.file("exit.log");
+  std::string const file = (dir / "exit.log");
   EXPECT_EXIT(
       {
         init("-trace m -logFile " + file);
@@ -345,5 +171,5 @@ TEST_F(Trace, ExitWithoutTerminateStillFlushesTheLog) {
         std::exit(3);
       },
       ::testing::ExitedWithCode(3), "");
-  EXPECT_NE(readFile(file).find("last words\n"), std::string::npos);
+  EXPECT_NE(ReadFile(file).find("last words\n"), std::string::npos);
 }

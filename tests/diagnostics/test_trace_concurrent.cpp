@@ -1,19 +1,13 @@
 // Tracing under concurrency: writers into a rotating file, the settings
 // file updater, observers swapped while lines flow.
 #include <quenlib/paramlineargs.h>
-#include <quenlib/slogger.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <cctype>
 #include <thread>
-#include <vector>
 
-#include "test_trace_support.h"
+#include "diagnostics_support.h"
 
 using namespace QuenLibA500;
 
@@ -60,7 +54,7 @@ bool parseLine(std::string const& line, int& writer, int& index) {
 TEST_F(TraceConcurrent, FourWritersIntoARotatingFileLoseAndTearNothing) {
   constexpr int kThreads = 4;
   constexpr int kLines = 100000;
-  std::string const file = dir.file("rot.log");
+  std::string const file = (dir / "rot.log");
   ASSERT_TRUE(tracetest::init("-trace m -notraceini -maxLogFileSize 1048576 -keep 1000 -logFile " + file));
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
@@ -78,7 +72,7 @@ TEST_F(TraceConcurrent, FourWritersIntoARotatingFileLoseAndTearNothing) {
   std::vector<std::vector<int>> seen(kThreads, std::vector<int>(kLines, 0));
   int files = 0;
   long long total = 0;
-  for (auto const& entry : std::filesystem::directory_iterator(dir.path())) {
+  for (auto const& entry : std::filesystem::directory_iterator(dir.path)) {
     ++files;
     EXPECT_LE(entry.file_size(), 1048576u);
     std::ifstream in(entry.path());
@@ -98,16 +92,16 @@ TEST_F(TraceConcurrent, FourWritersIntoARotatingFileLoseAndTearNothing) {
 }
 
 TEST_F(TraceConcurrent, EditingTheSettingsFileChangesShouldTrace) {
-  std::string const ini = dir.file("trace.ini");
-  ASSERT_TRUE(tracetest::init("-trace w -logFile " + dir.file("svc.log")));
+  std::string const ini = (dir / "trace.ini");
+  ASSERT_TRUE(tracetest::init("-trace w -logFile " + (dir / "svc.log")));
   EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_XL, "x.cpp"));
   DWORD const tick = SLogger::GetMajorTick();
 
-  tracetest::writeFile(ini, "trace = xl\n");
+  tracetest::WriteFile(ini, "trace = xl\n");
   EXPECT_TRUE(waitFor([] { return SLogger::ShouldTrace(SLogger::tl_XL, "x.cpp"); }, std::chrono::seconds(3)));
   EXPECT_GT(SLogger::GetMajorTick(), tick);
 
-  tracetest::writeFile(ini, "trace = s\nfileLogFilter = hot\n");
+  tracetest::WriteFile(ini, "trace = s\nfileLogFilter = hot\n");
   EXPECT_TRUE(waitFor([] { return !SLogger::ShouldTrace(SLogger::tl_XL, "hot.cpp"); }, std::chrono::seconds(3)));
   EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_S, "hot.cpp", 1));
   EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_S, "cold.cpp", 1));
@@ -121,14 +115,14 @@ TEST_F(TraceConcurrent, EditingTheSettingsFileChangesShouldTrace) {
 }
 
 TEST_F(TraceConcurrent, TraceIniPathAndNoTraceThread) {
-  std::string const ini = dir.file("custom.ini");
+  std::string const ini = (dir / "custom.ini");
   ASSERT_TRUE(tracetest::init("-trace w -notracethread -traceinipath " + ini));
-  tracetest::writeFile(ini, "trace = l\n");
+  tracetest::WriteFile(ini, "trace = l\n");
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   EXPECT_FALSE(SLogger::ShouldTrace(SLogger::tl_L, "x.cpp"));  // nobody watches
   ASSERT_TRUE(tracetest::init("-trace w -traceinipath " + ini));
   EXPECT_TRUE(SLogger::ShouldTrace(SLogger::tl_L, "x.cpp"));  // read at start
-  tracetest::writeFile(ini, "trace = xl\nrequest = maybe\n");
+  tracetest::WriteFile(ini, "trace = xl\nrequest = maybe\n");
   tracetest::Recorder rec;
   EXPECT_TRUE(waitFor([] { return SLogger::ShouldTrace(SLogger::tl_XL, "x.cpp"); }, std::chrono::seconds(3)));
   EXPECT_TRUE(waitFor([&] {
@@ -138,7 +132,7 @@ TEST_F(TraceConcurrent, TraceIniPathAndNoTraceThread) {
 }
 
 TEST_F(TraceConcurrent, ObserversAndStateChangeWhileTracing) {
-  ASSERT_TRUE(tracetest::init("-trace m -notraceini -logFile " + dir.file("busy.log")));
+  ASSERT_TRUE(tracetest::init("-trace m -notraceini -logFile " + (dir / "busy.log")));
   std::atomic<bool> stop{false};
   std::atomic<long> delivered{0};
   auto observer = [](void* ctx, int, char const*, int, char const*) {

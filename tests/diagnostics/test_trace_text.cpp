@@ -3,14 +3,12 @@
 #include <quenlib/sstring.h>
 #include <quenlib/strace.h>
 
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cstdint>
 #include <stdexcept>
 
 #include "diagnostics/trace.h"
-#include "test_trace_support.h"
+#include "diagnostics_support.h"
 
 using namespace QuenLibA500;
 
@@ -37,44 +35,6 @@ class TraceText : public ::testing::Test {
 };
 
 }  // namespace
-
-TEST(TraceParameter, EveryTypeBecomesText) {
-  int x = 0;
-  struct Case {
-    STraceParameter p;
-    char const* text;
-  } const cases[] = {
-      {STraceParameter(SAnsiString("ansi")), "ansi"},
-      {STraceParameter(SChar_t<char, 0>('q')), "q"},
-      {STraceParameter("plain"), "plain"},
-      {STraceParameter(static_cast<char const*>(nullptr)), "(null)"},
-      {STraceParameter(u"w\u00e9"), "w\xc3\xa9"},
-      {STraceParameter(int32_t(-5)), "-5"},
-      {STraceParameter(uint32_t(4000000000u)), "4000000000"},
-      {STraceParameter(-7), "-7"},
-      {STraceParameter(7u), "7"},
-      {STraceParameter(int64_t(-9000000000LL)), "-9000000000"},
-      {STraceParameter(uint64_t(18446744073709551615ULL)), "18446744073709551615"},
-      {STraceParameter(0.1), "0.1"},
-      {STraceParameter(1e20), "1e+20"},
-      {STraceParameter(true), "true"},
-      {STraceParameter(false), "false"},
-      {STraceParameter('c'), "c"},
-      {STraceParameter(static_cast<void const*>(nullptr)), "(nil)"},
-      {STraceParameter(std::string("std")), "std"},
-      {STraceParameter(SAsciiString("ascii")), "ascii"},
-      {STraceParameter(SDateTime::FromUnixMilliseconds(1710145800005LL)), "2024-03-11 08:30:00.005"},
-      {STraceParameter(SDateTime()), "(invalid)"},
-  };
-  for (auto const& c : cases) {
-    EXPECT_EQ(c.p.Text(), c.text);
-    EXPECT_FALSE(c.p.IsEmpty());
-  }
-  EXPECT_TRUE(STraceParameter().IsEmpty());
-  EXPECT_FALSE(STraceParameter("").IsEmpty());
-  EXPECT_EQ(STraceParameter(static_cast<void const*>(&x)).Text().substr(0, 2), "0x");
-  EXPECT_EQ(STraceParameter(42).GetString(), SAnsiString("42"));
-}
 
 TEST(TraceHelper, NumberedPlaceholders) {
   std::vector<STraceParameter> twelve;
@@ -138,14 +98,6 @@ TEST_F(TraceText, TraceObjBuildsTextOnlyWhenTracing) {
   EXPECT_EQ(lines[0].line, 10);
 }
 
-TEST_F(TraceText, InternalMacro) {
-  QL_TRACE(SLogger::tl_M, "macro %d", 3);
-  QL_TRACE_WARNING("warn %1", "x");
-  tracetest::init("-trace w");
-  QL_TRACE(SLogger::tl_M, "hidden");
-  EXPECT_EQ(rec.texts(), (std::vector<std::string>{"macro 3", "warn x"}));
-}
-
 TEST_F(TraceText, ScopeEntryAndExitWithResultErrorAndVars) {
   {
     SScopeTrace s(__FILE__, __LINE__, "Open", SLogger::tl_Scope, "key", 5);
@@ -165,48 +117,4 @@ TEST_F(TraceText, ScopeEntryAndExitWithResultErrorAndVars) {
   EXPECT_EQ(rec.texts(), (std::vector<std::string>{"Enter Open(key, 5)", "Exit Open result=0 mode=rw", "Enter Read()",
                                                     "Exit Read error=EIO", "Enter Throws()",
                                                     "Exit Throws error=exception"}));
-}
-
-TEST_F(TraceText, ScopesOffTraceNothing) {
-  tracetest::init("-trace xl");
-  {
-    SScopeTrace s(__FILE__, __LINE__, "Quiet");
-    EXPECT_FALSE(s.IsActive());
-    s.SetResult(1);
-  }
-  EXPECT_TRUE(rec.texts().empty());
-}
-
-TEST_F(TraceText, NestedScopesAreIndentedInTheLog) {
-  tracetest::ScratchDir dir;
-  std::string const file = dir.file("scopes.log");
-  tracetest::init("-trace scope -logFile " + file);
-  {
-    SScopeTrace outer(__FILE__, 1, "Outer");
-    SScopeTrace inner(__FILE__, 2, "Inner");
-  }
-  SLogger::Terminate();
-  std::string const log = tracetest::readFile(file);
-  EXPECT_NE(log.find("test_trace_text(1): Enter Outer()\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("test_trace_text(2):   Enter Inner()\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("test_trace_text(2):   Exit Inner\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("test_trace_text(1): Exit Outer\n"), std::string::npos) << log;
-}
-
-TEST_F(TraceText, WorkflowSetsActionIdAndInstrumentMeasures) {
-  SLogger::SetContextVar("ActionID", "outer-id");
-  {
-    WorkflowScopeTrace w(__FILE__, __LINE__, "Import", "job-7");
-    EXPECT_EQ(SLogger::GetActionID(), SAnsiString("job-7"));
-    InstrumentScopeTrace i(__FILE__, __LINE__, "Parse");
-  }
-  EXPECT_EQ(SLogger::GetActionID(), SAnsiString("outer-id"));
-  auto texts = rec.texts();
-  ASSERT_EQ(texts.size(), 4u);
-  EXPECT_EQ(texts[0], "Enter Import(job-7)");
-  EXPECT_EQ(texts[1], "Enter Parse()");
-  EXPECT_EQ(texts[2].rfind("Exit Parse elapsed=", 0), 0u);
-  EXPECT_EQ(texts[2].substr(texts[2].size() - 2), "us");
-  EXPECT_EQ(texts[3], "Exit Import");
-  SLogger::SetContextVar("ActionID", nullptr);
 }

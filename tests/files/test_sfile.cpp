@@ -1,53 +1,21 @@
-// Files: opening modes, byte and text I/O in every encoding, failures with
-// their reasons, and the file-system operations with temporary and unique
-// names (concurrent naming: test_sfile_concurrent.cpp).
+// Files: opening modes, byte and text I/O in every encoding, and the
+// file-system operations (unique names: test_sfile_concurrent.cpp).
 #include <quenlib/sfile.h>
 
-#include <gtest/gtest.h>
+#include "files_support.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <clocale>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
 
 using namespace QuenLibA500;
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
-std::string slurp(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void spit(std::string const& path, std::string const& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
-
-class Files : public ::testing::Test {
- protected:
-  void SetUp() override {
-    // Text conversions need a UTF-8 locale; C.UTF-8 is always present.
-    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
-    char tmpl[] = "/tmp/sfiletestXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-    std::setlocale(LC_ALL, "C");
-  }
-  std::string at(char const* name) const { return dir + "/" + name; }
-  std::string dir;
-};
+using quentest::str;
+using Files = quentest::FilesTest;
 
 // Runs fn and returns the SFileException it throws (failing when none).
 template <class Fn>
@@ -65,7 +33,7 @@ SFileException thrown(Fn fn) {
 
 TEST_F(Files, OpenModes) {
   std::string p = at("modes.txt");
-  spit(p, "0123456789");
+  quentest::WriteFile(p, "0123456789");
   struct {
     SFile::OpenMode mode;
     char const* write;
@@ -78,15 +46,15 @@ TEST_F(Files, OpenModes) {
       {SFile::modeAppend, "ij", "ghij"},           // at the end
   };
   for (auto const& row : rows) {
-    if (row.mode == SFile::modeCreateRW) spit(p, "long old content");
-    if (row.mode == SFile::modeAppend) spit(p, "gh");
-    if (row.mode == SFile::modeReadWrite) spit(p, "0123456789");
+    if (row.mode == SFile::modeCreateRW) quentest::WriteFile(p, "long old content");
+    if (row.mode == SFile::modeAppend) quentest::WriteFile(p, "gh");
+    if (row.mode == SFile::modeReadWrite) quentest::WriteFile(p, "0123456789");
     SFile f(p.c_str(), row.mode);
     EXPECT_TRUE(f.isOpen());
     f.write(row.write, 2);
     f.close();
     EXPECT_FALSE(f.isOpen());
-    EXPECT_EQ(slurp(p), row.after) << row.mode;
+    EXPECT_EQ(quentest::ReadFile(p), row.after) << row.mode;
   }
 
   // Append goes to the end even after a seek back.
@@ -94,7 +62,7 @@ TEST_F(Files, OpenModes) {
   app.seek(0);
   app.write("!", 1);
   app.close();
-  EXPECT_EQ(slurp(p), "ghij!");
+  EXPECT_EQ(quentest::ReadFile(p), "ghij!");
 
   // A new file is created by the creating modes, not by the others.
   std::string fresh = at("fresh.txt");
@@ -125,7 +93,7 @@ TEST_F(Files, ReadSeekSizeAndTruncate) {
   f.setSize(5);  // zero-extended
   f.flush();
   f.close();
-  EXPECT_EQ(slurp(p), std::string("a\0b\0\0", 5));
+  EXPECT_EQ(quentest::ReadFile(p), std::string("a\0b\0\0", 5));
 
   // Moving hands the descriptor over; the moved-from file is closed.
   SFile a(p.c_str(), SFile::modeRead);
@@ -138,72 +106,6 @@ TEST_F(Files, ReadSeekSizeAndTruncate) {
   EXPECT_EQ(c.getHandle(), fd);
   EXPECT_EQ(str(c.getPath()), p);
   EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);  // never inherited by children
-}
-
-TEST_F(Files, FailuresCarryCodeErrnoAndReason) {
-  std::string missing = at("missing.txt");
-  std::string noParent = at("no/such/dir/file.txt");
-  std::string file = at("plain.txt");
-  spit(file, "x");
-  std::string underFile = file + "/child";
-  struct {
-    std::string path;
-    SFile::OpenMode mode;
-    SFileException::ErrorCodes code;
-    int osError;
-    char const* text;
-  } rows[] = {
-      {missing, SFile::modeRead, SFileException::fileNotFound, ENOENT, "No such file or directory"},
-      {noParent, SFile::modeCreate, SFileException::fileNotFound, ENOENT, "No such file or directory"},
-      {dir, SFile::modeRead, SFileException::isDirectory, EISDIR, "Is a directory"},
-      {dir, SFile::modeCreate, SFileException::isDirectory, EISDIR, "Is a directory"},
-      {underFile, SFile::modeRead, SFileException::notDirectory, ENOTDIR, "Not a directory"},
-      {"", SFile::modeRead, SFileException::fileNotFound, ENOENT, "No such file or directory"},
-      {dir + "/" + std::string(300, 'n'), SFile::modeCreate, SFileException::badPath, ENAMETOOLONG,
-       "File name too long"},
-  };
-  for (auto const& row : rows) {
-    SFileException e = thrown([&] { SFile f(row.path.c_str(), row.mode); });
-    EXPECT_EQ(e.ErrCode(), row.code) << row.path;
-    EXPECT_EQ(e.getOsError(), row.osError) << row.path;
-    std::string reason = row.path + ": " + row.text;
-    EXPECT_EQ(str(e.getReason()), reason);
-    EXPECT_EQ(str(e.toString()), reason);
-    EXPECT_EQ(std::string(e.what()), reason);
-    EXPECT_EQ(str(e.getPath()), row.path);
-  }
-
-  // Permission is only checked for an ordinary user (root passes it).
-  if (geteuid() != 0) {
-    std::string locked = at("locked.txt");
-    spit(locked, "secret");
-    ASSERT_EQ(chmod(locked.c_str(), 0), 0);
-    EXPECT_EQ(thrown([&] { SFile f(locked.c_str(), SFile::modeRead); }).ErrCode(), SFileException::accessDenied);
-  }
-
-  // A closed file refuses every operation; writing to a read-only one fails.
-  SFile closed;
-  char c;
-  EXPECT_EQ(thrown([&] { closed.read(&c, 1); }).ErrCode(), SFileException::notOpen);
-  EXPECT_EQ(thrown([&] { closed.size(); }).ErrCode(), SFileException::notOpen);
-  EXPECT_EQ(thrown([&] { closed.readString(); }).getOsError(), 0);
-  closed.close();  // harmless
-  SFile ro(file.c_str(), SFile::modeRead);
-  SFileException e = thrown([&] { ro.write("y", 1); });
-  EXPECT_EQ(e.getOsError(), EBADF);
-  EXPECT_EQ(thrown([&] { ro.seek(-5); }).ErrCode(), SFileException::invalidArgument);
-
-  // A failed open leaves the file closed, also when one was open before.
-  SFile f(file.c_str(), SFile::modeRead);
-  thrown([&] { f.open(missing.c_str(), SFile::modeRead); });
-  EXPECT_FALSE(f.isOpen());
-
-  // Classification of a few more errno values.
-  EXPECT_EQ(SFileException::codeFromErrno(ENOSPC), SFileException::diskFull);
-  EXPECT_EQ(SFileException::codeFromErrno(EROFS), SFileException::accessDenied);
-  EXPECT_EQ(SFileException::codeFromErrno(EMFILE), SFileException::tooManyOpenFiles);
-  EXPECT_EQ(SFileException::codeFromErrno(EIO), SFileException::hardIO);
-  EXPECT_EQ(SFileException::codeFromErrno(EPIPE), SFileException::generic);
 }
 
 TEST_F(Files, TextRoundTripsInEveryEncoding) {
@@ -231,7 +133,7 @@ TEST_F(Files, TextRoundTripsInEveryEncoding) {
       SFile out(p.c_str(), SFile::modeCreate);
       out.writeString(SAnsiString(text.data(), static_cast<unsigned>(text.size())), row.write);
     }
-    std::string bytes = slurp(p);
+    std::string bytes = quentest::ReadFile(p);
     EXPECT_EQ(bytes.size(), row.size) << row.write;
     EXPECT_EQ(bytes.compare(0, 4, row.mark, 4), 0) << row.write;
     SFile in(p.c_str(), SFile::modeRead);
@@ -266,7 +168,7 @@ TEST_F(Files, ByteOrderMarksAndOddInput) {
   };
   for (auto const& row : rows) {
     std::string p = at("bom.txt");
-    spit(p, row.bytes);
+    quentest::WriteFile(p, row.bytes);
     SFile in(p.c_str(), SFile::modeRead);
     EXPECT_EQ(str(in.readString(row.read)), row.want) << row.read << " " << row.bytes.size();
   }
@@ -279,7 +181,7 @@ TEST_F(Files, ByteOrderMarksAndOddInput) {
     out.writeString("ab", FE_UTF16LE);
     out.writeString("cd", FE_UTF16LE);
   }
-  EXPECT_EQ(slurp(p), std::string("\xff\xfe" "a\0b\0c\0d\0", 10));
+  EXPECT_EQ(quentest::ReadFile(p), std::string("\xff\xfe" "a\0b\0c\0d\0", 10));
   SFile in(p.c_str(), SFile::modeRead);
   in.seek(6);
   EXPECT_EQ(str(in.readString(FE_UTF16LE)), "cd");
@@ -297,18 +199,9 @@ TEST_F(Files, ByteOrderMarksAndOddInput) {
   }
 }
 
-TEST_F(Files, LargeTextReadsWhole) {
-  std::string big;
-  for (int i = 0; i < 20000; ++i) big += "line " + std::to_string(i) + "\n";
-  std::string p = at("big.txt");
-  spit(p, big);
-  SFile in(p.c_str(), SFile::modeRead);
-  EXPECT_EQ(str(in.readString(FE_UTF8)), big);
-}
-
 TEST_F(Files, FileSystemOperations) {
   std::string file = at("f.txt"), other = at("g.txt");
-  spit(file, "content");
+  quentest::WriteFile(file, "content");
   EXPECT_TRUE(SFileSys::exists(file.c_str()));
   EXPECT_FALSE(SFileSys::isDirectory(file.c_str()));
   EXPECT_TRUE(SFileSys::isDirectory(dir.c_str()));
@@ -323,7 +216,7 @@ TEST_F(Files, FileSystemOperations) {
 
   EXPECT_TRUE(SFileSys::rename(file.c_str(), other.c_str()));
   EXPECT_FALSE(SFileSys::exists(file.c_str()));
-  EXPECT_EQ(slurp(other), "content");
+  EXPECT_EQ(quentest::ReadFile(other), "content");
   errno = 0;
   EXPECT_FALSE(SFileSys::rename(file.c_str(), other.c_str()));
   EXPECT_EQ(errno, ENOENT);
@@ -354,49 +247,4 @@ TEST_F(Files, FileSystemOperations) {
     char const* out;
   } unify[] = {{"C:\\dir\\file.txt", "C:/dir/file.txt"}, {"a/b\\c", "a/b/c"}, {"", ""}, {"\\\\", "//"}};
   for (auto const& row : unify) EXPECT_EQ(str(SFileSys::unifyPath(row.in)), row.out);
-}
-
-TEST_F(Files, TemporaryAndUniqueNames) {
-  char const* saved = std::getenv("TMPDIR");
-  std::string savedValue = saved ? saved : "";
-  struct {
-    char const* env;
-    std::string want;
-  } rows[] = {{nullptr, "/tmp"}, {"", "/tmp"}, {"/var/tmp/", "/var/tmp"}, {"/", "/"}};
-  for (auto const& row : rows) {
-    if (row.env) {
-      setenv("TMPDIR", row.env, 1);
-    } else {
-      unsetenv("TMPDIR");
-    }
-    EXPECT_EQ(str(SFileSys::getTempDirname()), row.want) << (row.env ? row.env : "(unset)");
-  }
-
-  setenv("TMPDIR", (dir + "/").c_str(), 1);
-  SAnsiString temp = SFileSys::getTempFilename("nprstdout");
-  EXPECT_EQ(str(temp).rfind(dir + "/nprstdout", 0), 0u) << str(temp);
-  EXPECT_EQ(temp.getLength(), dir.size() + 1 + 9 + 6);
-  EXPECT_TRUE(SFileSys::exists(temp));
-  EXPECT_EQ(fs::file_size(str(temp)), 0u);
-  setenv("TMPDIR", (dir + "/none").c_str(), 1);
-  EXPECT_EQ(thrown([] { SFileSys::getTempFilename("x"); }).ErrCode(), SFileException::fileNotFound);
-  if (saved) {
-    setenv("TMPDIR", savedValue.c_str(), 1);
-  } else {
-    unsetenv("TMPDIR");
-  }
-
-  struct {
-    char const* ext;
-    char const* suffix;
-  } exts[] = {{"smtp", ".smtp"}, {".smtp", ".smtp"}, {"", ""}};
-  for (auto const& row : exts) {
-    std::string name = str(SFileSys::getUniqueFilename(dir.c_str(), "tmp", row.ext));
-    EXPECT_EQ(name.rfind(dir + "/tmp", 0), 0u) << name;
-    EXPECT_EQ(name.size(), dir.size() + 1 + 3 + 16 + std::string(row.suffix).size()) << name;
-    EXPECT_EQ(name.substr(name.size() - std::string(row.suffix).size()), row.suffix);
-    EXPECT_TRUE(SFileSys::exists(name.c_str()));  // reserved by creation
-  }
-  EXPECT_EQ(thrown([&] { SFileSys::getUniqueFilename((dir + "/none").c_str(), "tmp", "x"); }).ErrCode(),
-            SFileException::fileNotFound);
 }

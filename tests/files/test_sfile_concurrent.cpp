@@ -2,40 +2,18 @@
 // collide, and each thread's own SFile works undisturbed by the others.
 #include <quenlib/sfile.h>
 
-#include <gtest/gtest.h>
+#include "files_support.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 using namespace QuenLibA500;
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
-class FilesConcurrent : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/sfileconcXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
-  std::string dir;
-};
+using quentest::str;
+using FilesConcurrent = quentest::FilesTest;
 
 constexpr int kThreads = 4;
 constexpr int kPerThread = 300;

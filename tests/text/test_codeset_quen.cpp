@@ -1,44 +1,17 @@
 // quen conv end to end: conversions, NUL bytes kept, the exit statuses and
 // the atomic output file.
-#include <gtest/gtest.h>
+#include "text_support.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <fstream>
-#include <string>
+using quentest::QuenRun;
 
 namespace {
 
-std::string const kQuen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
-
-struct Result {
-  int status;
-  std::string out;
-};
-
-// Runs quen with the input bytes on standard input.
-Result run(std::string const& args, std::string const& input) {
-  std::string const in = ::testing::TempDir() + "quen_conv_in_" + std::to_string(::getpid());
-  std::ofstream(in, std::ios::binary) << input;
-  std::string const cmd = kQuen + " " + args + " < " + in + " 2>/dev/null";
-  std::FILE* p = ::popen(cmd.c_str(), "r");
-  std::string out;
-  char buf[4096];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  int const st = ::pclose(p);
-  ::unlink(in.c_str());
-  return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
+// quen with the input bytes on standard input; standard error dropped.
+QuenRun run(std::string const& args, std::string const& input) {
+  return quentest::RunQuen(args, "", false, input);
 }
 
-class QuenConv : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (::access(kQuen.c_str(), X_OK) != 0) GTEST_SKIP() << "quen is not built";
-  }
-};
+using QuenConv = quentest::QuenTest;
 
 }  // namespace
 
@@ -60,7 +33,7 @@ TEST_F(QuenConv, Conversions) {
       {"conv -f utf-8 -t utf-16", std::string("a\0", 2), std::string("a\0\0\0", 4)},
   };
   for (auto const& c : cases) {
-    Result const r = run(c.args, c.in);
+    QuenRun const r = run(c.args, c.in);
     EXPECT_EQ(r.status, 0) << c.args;
     EXPECT_EQ(r.out, c.out) << c.args;
   }
@@ -76,11 +49,10 @@ TEST_F(QuenConv, FailuresHaveTheirStatus) {
 }
 
 TEST_F(QuenConv, WritesTheOutputFile) {
-  std::string const out = ::testing::TempDir() + "quen_conv_out_" + std::to_string(::getpid());
-  Result const r = run("conv -f cp1252 -t utf-8 -o " + out, "\xE9");
+  quentest::TempDir dir;
+  std::string const out = dir / "out";
+  QuenRun const r = run("conv -f cp1252 -t utf-8 -o " + out, "\xE9");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "");
-  std::ifstream f(out, std::ios::binary);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(f), {}), "\xC3\xA9");
-  ::unlink(out.c_str());
+  EXPECT_EQ(quentest::ReadFile(out), "\xC3\xA9");
 }

@@ -1,5 +1,4 @@
-// NeutralString: decimal limits of every integer type, the iterator form
-// and FromNumber.
+// NeutralString: decimal limits of every integer type, in any locale.
 #include <quenlib/neutralstr.h>
 
 #include <gtest/gtest.h>
@@ -65,20 +64,6 @@ TEST(NeutralString, LimitsOfEveryType) {
   CheckLimits<unsigned long long>();
 }
 
-TEST(NeutralString, ThirtyTwoBitLongOfTheOriginal) {
-  int32_t v = 0;
-  EXPECT_TRUE(NeutralString::ToNumber("2147483647", v));
-  EXPECT_EQ(v, 2147483647);
-  EXPECT_FALSE(NeutralString::ToNumber("2147483648", v));
-  EXPECT_TRUE(NeutralString::ToNumber("-2147483648", v));
-  EXPECT_EQ(v, INT32_MIN);
-  uint32_t u = 9;
-  EXPECT_FALSE(NeutralString::ToNumber("-5", u));
-  EXPECT_EQ(u, 0u);
-  EXPECT_TRUE(NeutralString::ToNumber("4294967295", u));
-  EXPECT_EQ(u, 0xFFFFFFFFu);
-}
-
 TEST(NeutralString, DecimalOnlyWhateverTheLocale) {
   if (!std::setlocale(LC_ALL, "C.UTF-8")) GTEST_SKIP() << "C.UTF-8 is not installed";
   int32_t v = 5;
@@ -90,52 +75,6 @@ TEST(NeutralString, DecimalOnlyWhateverTheLocale) {
   EXPECT_EQ(v, 0);
   EXPECT_EQ(NeutralString::FromNumber(1234567), "1234567");
   std::setlocale(LC_ALL, "C");
-}
-
-TEST(NeutralString, IteratorRange) {
-  SAsciiString s("w=1920;h=-1080;d=4294967295;x=12 3");
-  SAsciiString::iterator b(s), e(s);
-  b += 2;
-  e += 6;
-  int16_t w = 0;
-  EXPECT_TRUE(NeutralString::ToNumber(b, e, w));
-  EXPECT_EQ(w, 1920);
-  b = SAsciiString::iterator(s);
-  b += 9;
-  e = b;
-  e += 5;
-  int32_t h = 0;
-  EXPECT_TRUE(NeutralString::ToNumber(b, e, h));
-  EXPECT_EQ(h, -1080);
-  uint16_t uh = 3;
-  EXPECT_FALSE(NeutralString::ToNumber(b, e, uh));
-  EXPECT_EQ(uh, 0);
-  b += 8;
-  e = b;
-  e += 10;
-  uint32_t d = 0;
-  EXPECT_TRUE(NeutralString::ToNumber(b, e, d));
-  EXPECT_EQ(d, 4294967295u);
-  int32_t ds = 0;
-  EXPECT_FALSE(NeutralString::ToNumber(b, e, ds));
-  int64_t d64 = 0;
-  EXPECT_TRUE(NeutralString::ToNumber(b, e, d64));
-  EXPECT_EQ(d64, 4294967295);
-  // "12 3": the iterator form does not stop at a space.
-  b += 13;
-  e = SAsciiString::iterator(s);
-  e += s.getLength();
-  EXPECT_FALSE(NeutralString::ToNumber(b, e, d64));
-  EXPECT_EQ(d64, 0);
-}
-
-TEST(NeutralString, FromNumberForms) {
-  EXPECT_EQ(NeutralString::FromNumber(0), "0");
-  EXPECT_EQ(NeutralString::FromNumber(-7), "-7");
-  EXPECT_EQ(NeutralString::FromNumber(static_cast<unsigned char>(200)), "200");
-  EXPECT_EQ(NeutralString::FromNumber(static_cast<signed char>(-1)), "-1");
-  EXPECT_EQ(NeutralString::FromNumber(static_cast<unsigned short>(65535)), "65535");
-  EXPECT_EQ(NeutralString::FromNumber(UINT64_MAX), "18446744073709551615");
 }
 
 }  // namespace

@@ -44,16 +44,6 @@ TEST(RefCount, CopiesMovesAndResets) {
   EXPECT_EQ(deaths, 1);
 }
 
-TEST(RefCount, UtfBufferIsZeroFilled) {
-  CSmartRefCountPtr<UTFBuffer_t<unsigned int>> p(new UTFBuffer_t<unsigned int>(5));
-  ASSERT_NE(p->getBuffer(), nullptr);
-  EXPECT_EQ(p->getCapacity(), 5u);
-  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(p->getBuffer()[i], 0u);
-  EXPECT_EQ(p->getLength(), 0u);
-  p->setLength(3);
-  EXPECT_EQ(p->getLength(), 3u);
-}
-
 TEST(RefCountConcurrent, ManyThreadsCopyAndDrop) {
   int deaths = 0;
   CSmartRefCountPtr<Tracked> root(new Tracked(&deaths));

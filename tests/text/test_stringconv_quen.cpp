@@ -1,39 +1,10 @@
 // quen int and quen tok end to end: what they print and their exit
 // statuses.
-#include <gtest/gtest.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <string>
+#include "text_support.h"
 
 namespace {
 
-std::string const kQuen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
-
-struct Result {
-  int status;
-  std::string out;
-};
-
-Result RunQuen(std::string const& args) {
-  std::string const cmd = "LC_ALL=C.UTF-8 " + kQuen + " " + args + " 2>/dev/null";
-  std::FILE* p = ::popen(cmd.c_str(), "r");
-  std::string out;
-  char buf[4096];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  int const st = ::pclose(p);
-  return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
-}
-
-class QuenIntTok : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (::access(kQuen.c_str(), X_OK) != 0) GTEST_SKIP() << "quen is not built";
-  }
-};
+using QuenIntTok = quentest::QuenTest;
 
 TEST_F(QuenIntTok, Commands) {
   struct Case {
@@ -67,7 +38,7 @@ TEST_F(QuenIntTok, Commands) {
       {"tok -d \xC3\xA9 a\xC3\xA9" "b\xC3\xA9\xC3\xA9", 0, "1\t\"a\"\n2\t\"b\"\n3\t\"\"\n"},
   };
   for (Case const& c : cases) {
-    Result r = RunQuen(c.args);
+    quentest::QuenRun r = quentest::RunQuen(c.args, "LC_ALL=C.UTF-8", false);
     EXPECT_EQ(r.status, c.status) << c.args;
     EXPECT_EQ(r.out, c.out) << c.args;
   }

@@ -76,47 +76,6 @@ TEST(RSStrTok, NextWithDelimiterKeepsIt) {
   EXPECT_TRUE(t.IsEmpty());
 }
 
-TEST(RSStrTok, RightStrReturnsTheSecondPieceAndConsumesIt) {
-  RSStrTok t("x=1&y=2&z=3");
-  EXPECT_EQ(Str(t.RightStr("&")), "y=2");
-  EXPECT_EQ(Str(t.rest()), "z=3");
-
-  RSStrTok c("x=1&y=2&z=3");
-  EXPECT_EQ(Str(c.RightStr('&')), "y=2");
-  EXPECT_EQ(Str(c.RightStr()), "");  // drops "z=3", nothing follows
-  EXPECT_TRUE(c.IsEmpty());
-
-  RSStrTok n("k=v");
-  EXPECT_EQ(Str(n.RightStr("=")), "v");
-  EXPECT_TRUE(n.IsEmpty());
-}
-
-TEST(RSStrTok, LeftStrFormsAreNext) {
-  RSStrTok t("a|b/c/d");
-  EXPECT_EQ(Str(t.LeftStr("|")), "a");
-  EXPECT_EQ(Str(t.LeftStr('/')), "b");
-  EXPECT_EQ(Str(t.LeftStr()), "c");
-  EXPECT_EQ(Str(t.LeftStr()), "d");
-  EXPECT_TRUE(t.IsEmpty());
-}
-
-TEST(RSStrTok, SetAndCopyAreIndependent) {
-  RSStrTok t;
-  EXPECT_TRUE(t.IsEmpty());
-  t.Set("1 2 3");
-  t.SetToken(' ');
-  RSStrTok copy(t);
-  EXPECT_EQ(Str(t.Next()), "1");
-  EXPECT_EQ(Str(copy.rest()), "1 2 3");
-  EXPECT_EQ(Str(copy.Next()), "1");
-  RSStrTok assigned;
-  assigned = t;
-  EXPECT_EQ(Str(assigned.Next()), "2");
-  EXPECT_EQ(Str(t.rest()), "2 3");
-  t.Set(SAnsiString("p q"));
-  EXPECT_EQ(Str(t.Next()), "p");
-}
-
 TEST(SStrTok, RightStrReturnsTheRestAndLeavesIt) {
   SStrTok t("x=1&y=2&z=3", "&");
   EXPECT_EQ(Str(t.RightStr()), "y=2&z=3");
@@ -124,40 +83,6 @@ TEST(SStrTok, RightStrReturnsTheRestAndLeavesIt) {
   EXPECT_EQ(Str(t.Next()), "y=2");
   EXPECT_EQ(Str(t.LeftStr()), "z=3");
   EXPECT_TRUE(t.IsEmpty());
-}
-
-TEST(SStrTok, SettersReplaceTextAndDelimiter) {
-  SStrTok t(SAnsiString("a-b"), SAnsiString("-"));
-  t.Set(SAnsiString("1+2+3"), SAnsiString("+"));
-  EXPECT_EQ(Str(t.Next()), "1");
-  t.SetToken('2');
-  EXPECT_EQ(Str(t.Next()), "");
-  EXPECT_EQ(Str(t.GetString()), "+3");
-  t.SetString("u..v");
-  t.SetToken("..");
-  EXPECT_EQ(Str(t.Next()), "u");
-  t.SetString(SAnsiString("m n"));
-  t.SetToken(SAnsiString(" "));
-  SStrTok copy(t);
-  EXPECT_EQ(Str(t.Next()), "m");
-  EXPECT_EQ(Str(copy.GetString()), "m n");
-}
-
-// A derived reader through the protected default constructor.
-class LineReader : public SStrTok {
- public:
-  explicit LineReader(char const* text) {
-    SetString(text);
-    SetToken("\r\n");
-  }
-};
-
-TEST(SStrTok, DerivedClassThroughBasePointer) {
-  SStrTok* r = new LineReader("HELO a\r\nMAIL b\r\n");
-  EXPECT_EQ(Str(r->Next()), "HELO a");
-  EXPECT_EQ(Str(r->Next()), "MAIL b");
-  EXPECT_TRUE(r->IsEmpty());
-  delete r;
 }
 
 // Multibyte text: the delimiter is matched by whole characters and the
@@ -169,18 +94,6 @@ class MultibyteTok : public ::testing::Test {
   }
   void TearDown() override { std::setlocale(LC_ALL, "C"); }
 };
-
-TEST_F(MultibyteTok, Utf8Delimiters) {
-  Use("C.UTF-8");
-  // "é" (C3 A9) as the delimiter, one character of two bytes.
-  RSStrTok t("ab\xC3\xA9" "cd\xC3\xA9\xC3\xA9" "e");
-  t.SetToken("\xC3\xA9");
-  EXPECT_EQ(Drain(t), (Pieces{"ab", "cd", "", "e"}));
-  // A three-byte delimiter made of two characters, among multibyte text.
-  SStrTok s("\xE6\x97\xA5-\xE2\x86\x92-\xE6\x9C\xAC", "-\xE2\x86\x92");
-  EXPECT_EQ(Str(s.Next()), "\xE6\x97\xA5");
-  EXPECT_EQ(Str(s.GetString()), "-\xE6\x9C\xAC");
-}
 
 TEST_F(MultibyteTok, EucJpTrailByteIsNotADelimiter) {
   Use("ja_JP.EUC-JP");

@@ -30,19 +30,3 @@ TEST(SIArray, AddInsertRemoveKeepOrder) {
   a.RemoveAll();
   EXPECT_EQ(a.GetSize(), 0);
 }
-
-TEST(SIArray, InsertManyAndResize) {
-  SIArray<int> a{1, 2};
-  a.InsertAt(1, 7, 3);
-  EXPECT_EQ(a, (SIArray<int>{1, 7, 7, 7, 2}));
-  a.InsertAt(0, 9, 0);
-  a.RemoveAt(0, 0);
-  EXPECT_EQ(a.GetSize(), 5);
-  a.SetSize(2);
-  EXPECT_EQ(a, (SIArray<int>{1, 7}));
-  a.SetSize(3);
-  EXPECT_EQ(a[2], 0);
-  SIArray<int> b{4};
-  a.Append(b);
-  EXPECT_EQ(a, (SIArray<int>{1, 7, 0, 4}));
-}

@@ -1,51 +1,17 @@
 // Percent-encoding and decoding: the escape tables, the wide and multibyte
 // forms, the strict and lenient decoders, and a cross-check of the form
 // table and the decoder against Python's urllib.parse.
-#include <gtest/gtest.h>
+#include "web_support.h"
 #include <quenlib/nvpairs.h>
-#include <quenlib/slogger.h>
 
-#include <clocale>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <random>
 #include <sstream>
-#include <string>
-#include <unistd.h>
-#include <vector>
 
 using namespace QuenLibA500;
 
 namespace {
 
-std::string S(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-std::string S(SAsciiString const& s) { return std::string(s.getString(), s.getLength()); }
-std::u16string W(SWCharString const& s) { return std::u16string(s.getString(), s.getLength()); }
-
-struct AssertCount {
-  int count = 0;
-  std::string last;
-  static void observe(void* ctx, char const*, int, char const* cond, char const*) {
-    auto* self = static_cast<AssertCount*>(ctx);
-    ++self->count;
-    self->last = cond;
-  }
-  AssertCount() { SetAssertObserver(&observe, this); }
-  ~AssertCount() { SetAssertObserver(nullptr, nullptr); }
-};
-
-// Runs the test body in C.UTF-8 and restores the previous locale.
-class UrlEncode : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char const* old = std::setlocale(LC_ALL, nullptr);
-    saved_ = old ? old : "C";
-    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
-  }
-  void TearDown() override { std::setlocale(LC_ALL, saved_.c_str()); }
-  std::string saved_;
-};
+using UrlEncode = quentest::Utf8Test;
 
 // Exposes the protected members for testing.
 struct Codec : CNameValuePairs {
@@ -56,86 +22,6 @@ struct Codec : CNameValuePairs {
 };
 
 }  // namespace
-
-TEST_F(UrlEncode, FormTableClasses) {
-  for (unsigned c = 1; c < 256; ++c) {
-    char in[2] = {static_cast<char>(c), 0};
-    std::string got = S(CNameValuePairs::URLStrEncode(in));
-    bool plain = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                 c == '.' || c == '_';
-    char want[4];
-    std::snprintf(want, sizeof want, "%%%02X", c);
-    if (plain)
-      EXPECT_EQ(got, std::string(in)) << c;
-    else if (c == ' ')
-      EXPECT_EQ(got, "+");
-    else
-      EXPECT_EQ(got, want) << c;
-  }
-}
-
-TEST_F(UrlEncode, Table3Classes) {
-  for (unsigned c = 1; c < 0x100; ++c) {
-    WChar in[2] = {static_cast<WChar>(c), 0};
-    SAsciiString out;
-    CNameValuePairs::URLStrEncodeAppend3(out, in);
-    bool escaped = c < 0x20 || c > 0x7E || std::string("%+,={}&$").find(static_cast<char>(c)) !=
-                                               std::string::npos;
-    char want[4];
-    std::snprintf(want, sizeof want, "%%%02X", c);
-    EXPECT_EQ(S(out), escaped ? std::string(want) : std::string(1, static_cast<char>(c))) << c;
-  }
-}
-
-TEST_F(UrlEncode, DocumentedExamples) {
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncode(SAnsiString("a b-c~d"))), "a+b%2Dc%7Ed");
-  SWCharString w3;
-  CNameValuePairs::URLStrEncodeAppend3(w3, u"a b,c");
-  EXPECT_EQ(W(w3), u"a b%2Cc");
-  EXPECT_EQ(W(CNameValuePairs::URLStrEncode(SWCharString(u"\u20AC\u00E9 x"))), u"%u20AC%E9+x");
-  SAsciiString a("pre:");
-  CNameValuePairs::URLStrEncodeAppend(a, u"\u20AC*");
-  EXPECT_EQ(S(a), "pre:%u20AC%2A");
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncodeBytewise("a b", MBCSCodesetConverter::ECS_UTF8, true)),
-            "a%20b");
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncodeBytewise("a b", MBCSCodesetConverter::ECS_UTF8, false)),
-            "a+b");
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncode(SAnsiString("caf\xC3\xA9"))), "caf%C3%A9");
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncode(static_cast<char const*>(nullptr))), "");
-}
-
-TEST_F(UrlEncode, BytewiseSets) {
-  std::string const passWithFlag = "!#$&*+-./:<>?@_`~";
-  for (unsigned c = 1; c < 256; ++c) {
-    char in[2] = {static_cast<char>(c), 0};
-    bool alnum = std::isalnum(static_cast<int>(c)) && c < 0x80;
-    bool inSet = c < 0x80 && passWithFlag.find(static_cast<char>(c)) != std::string::npos;
-    char esc[4];
-    std::snprintf(esc, sizeof esc, "%%%02X", c);
-    std::string on = S(CNameValuePairs::URLStrEncodeBytewise(in, MBCSCodesetConverter::ECS_Native, true));
-    std::string off = S(CNameValuePairs::URLStrEncodeBytewise(in, MBCSCodesetConverter::ECS_Native, false));
-    EXPECT_EQ(on, alnum || inSet ? std::string(in) : std::string(esc)) << c;
-    EXPECT_EQ(off, alnum ? std::string(in) : c == ' ' ? std::string("+") : std::string(esc)) << c;
-  }
-  // The text is converted to the code set first.
-  EXPECT_EQ(S(CNameValuePairs::URLStrEncodeBytewise("caf\xC3\xA9", MBCSCodesetConverter::ECS_Windows1252,
-                                                    false)),
-            "caf%E9");
-}
-
-TEST_F(UrlEncode, EscapeWideCharAndScanners) {
-  SWCharString out;
-  Codec::EscapeWideChar(u'a', out);
-  Codec::EscapeWideChar(u'\u00E9', out);
-  Codec::EscapeWideChar(u'\u20AC', out);
-  EXPECT_EQ(W(out), u"%61%E9%u20AC");
-  char const* p = "abc+def";
-  Codec::needURLDecode(p);
-  EXPECT_EQ(*p, '+');
-  WChar const* w = u"ab c,d";
-  Codec::needURLEncode3(w);
-  EXPECT_EQ(*w, u',');
-}
 
 TEST_F(UrlEncode, StrictDecoder) {
   struct Case {
@@ -152,7 +38,7 @@ TEST_F(UrlEncode, StrictDecoder) {
     bool ok = CNameValuePairs::tryURLStrDecode(out, c.in.c_str(), static_cast<unsigned>(c.in.size()));
     EXPECT_EQ(ok, c.ok);
     if (ok && c.ok) {
-      EXPECT_EQ(W(out), c.out);
+      EXPECT_EQ(quentest::wstr(out), c.out);
     }
   }
   SAsciiString a;
@@ -161,53 +47,9 @@ TEST_F(UrlEncode, StrictDecoder) {
   EXPECT_FALSE(decoded);
   EXPECT_TRUE(CNameValuePairs::tryURLStrDecode(a, "a%41+%u00FF", 11, &decoded));
   EXPECT_TRUE(decoded);
-  EXPECT_EQ(S(a), "aA \xFF");
+  EXPECT_EQ(quentest::str(a), "aA \xFF");
   EXPECT_FALSE(CNameValuePairs::tryURLStrDecode(a, "%u0100", 6, nullptr));
   EXPECT_FALSE(CNameValuePairs::tryURLStrDecode(a, "%4", 2, nullptr));
-}
-
-TEST_F(UrlEncode, LenientDecoders) {
-  AssertCount asserts;
-  // Wide: the bad "%" is dropped, the characters after it kept.
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecode(SWCharString(u"a%G1b%4"))), u"aG1b4");
-  EXPECT_EQ(asserts.count, 2);
-  EXPECT_EQ(asserts.last, "This should never happen, since the data should be encoded correctly");
-  // Multibyte: the bad escape is kept as text.
-  EXPECT_EQ(S(CNameValuePairs::URLStrDecode(SAnsiString("a%G1b%4"))), "a%G1b%4");
-  EXPECT_EQ(S(CNameValuePairs::URLStrDecode(SAnsiString("%u20AC+%e9"))), "\xE2\x82\xAC \xE9");
-  SAsciiString text("x%41%u00E9+y");
-  SDecodedString d = CNameValuePairs::URLStrDecode(SAsciiString::iterator(text),
-                                                   SAsciiString::iterator(text.getString() + text.getLength()));
-  EXPECT_EQ(W(d), u"xA\u00E9 y");
-  SWCharString out;
-  EXPECT_TRUE(Codec::internalURLStrDecode(out, u"%zz", 3, true));
-  EXPECT_EQ(W(out), u"zz");
-}
-
-TEST_F(UrlEncode, ConcatUntilEncoded) {
-  SAsciiString text("abc%41d");
-  SAsciiString::iterator from(text);
-  SAsciiString::iterator to(text.getString() + text.getLength());
-  SDecodedString d;
-  EXPECT_TRUE(d.concatUntilEncoded(from, to));
-  EXPECT_EQ(W(d), u"abc");
-  EXPECT_EQ(*from.operator*().getData().units, '%');
-  SAsciiString::iterator rest(text.getString() + 6);
-  EXPECT_FALSE(d.concatUntilEncoded(rest, to));
-  EXPECT_EQ(W(d), u"abcd");
-}
-
-TEST_F(UrlEncode, DecodeAndConvert) {
-  using MB = MBCSCodesetConverter;
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert(nullptr, MB::ECS_UTF8)), u"");
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert("caf%C3%A9+%u20AC!", MB::ECS_UTF8)),
-            u"caf\u00E9 \u20AC!");
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert("caf%E9", MB::ECS_Windows1252)), u"caf\u00E9");
-  // Malformed escapes stay as they are.
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert("%u12%zz%4", MB::ECS_UTF8)), u"%u12%zz%4");
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert("%uXYZW", MB::ECS_UTF8)), u"%uXYZW");
-  // Ill-formed UTF-8 bytes become U+FFFD.
-  EXPECT_EQ(W(CNameValuePairs::URLStrDecodeAndConvert("a%FFb", MB::ECS_UTF8)), u"a\uFFFDb");
 }
 
 TEST_F(UrlEncode, RoundTripsOfEveryByte) {
@@ -216,14 +58,14 @@ TEST_F(UrlEncode, RoundTripsOfEveryByte) {
     std::string in;
     int n = static_cast<int>(rng() % 40);
     for (int i = 0; i < n; ++i) in.push_back(static_cast<char>(1 + rng() % 255));
-    std::string enc = S(CNameValuePairs::URLStrEncode(in.c_str()));
-    EXPECT_EQ(S(CNameValuePairs::URLStrDecode(SAnsiString(enc.c_str()))), in);
+    std::string enc = quentest::str(CNameValuePairs::URLStrEncode(in.c_str()));
+    EXPECT_EQ(quentest::str(CNameValuePairs::URLStrDecode(SAnsiString(enc.c_str()))), in);
     std::u16string win;
     for (int i = 0; i < n; ++i) win.push_back(static_cast<WChar>(1 + rng() % 0xFFFE));
     SWCharString wenc = CNameValuePairs::URLStrEncode(SWCharString(win.c_str()));
     SWCharString wdec;
     ASSERT_TRUE(CNameValuePairs::tryURLStrDecode(wdec, wenc.getString(), wenc.getLength()));
-    EXPECT_EQ(W(wdec), win);
+    EXPECT_EQ(quentest::wstr(wdec), win);
   }
 }
 
@@ -300,11 +142,9 @@ TEST_F(UrlEncode, AgreesWithPythonUrllib) {
     for (int k = 0; k < n; ++k) s.push_back(alphabet[rng() % (sizeof alphabet - 1)]);
     corpus.emplace_back('D', s);
   }
-  char dir[] = "/tmp/quenlib_urlpyXXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  std::string script = std::string(dir) + "/check.py", in = std::string(dir) + "/in.txt",
-              outPath = std::string(dir) + "/out.txt";
-  std::ofstream(script) << kPythonScript;
+  quentest::TempDir dir;
+  std::string script = dir / "check.py", in = dir / "in.txt", outPath = dir / "out.txt";
+  quentest::WriteFile(script, kPythonScript);
   {
     std::ofstream f(in);
     for (auto const& [kind, s] : corpus) f << kind << ' ' << (s.empty() ? "" : Hex(s)) << '\n';
@@ -312,23 +152,18 @@ TEST_F(UrlEncode, AgreesWithPythonUrllib) {
   std::string cmd = "python3 " + script + " " + in + " " + outPath;
   ASSERT_EQ(std::system(cmd.c_str()), 0);
   std::ifstream results(outPath);
-  SetAssertObserver([](void*, char const*, int, char const*, char const*) {}, nullptr);
+  quentest::AssertLog quiet;
   size_t checked = 0;
   std::string line;
   for (auto const& [kind, s] : corpus) {
     ASSERT_TRUE(std::getline(results, line));
     std::string py = Unhex(line);
     if (kind == 'E') {
-      EXPECT_EQ(S(CNameValuePairs::URLStrEncode(s.c_str())), FormFromPython(py)) << Hex(s);
+      EXPECT_EQ(quentest::str(CNameValuePairs::URLStrEncode(s.c_str())), FormFromPython(py)) << Hex(s);
     } else {
-      EXPECT_EQ(S(CNameValuePairs::URLStrDecode(SAnsiString(s.c_str()))), py) << s;
+      EXPECT_EQ(quentest::str(CNameValuePairs::URLStrDecode(SAnsiString(s.c_str()))), py) << s;
     }
     ++checked;
   }
-  SetAssertObserver(nullptr, nullptr);
   EXPECT_EQ(checked, corpus.size());
-  std::remove(script.c_str());
-  std::remove(in.c_str());
-  std::remove(outPath.c_str());
-  rmdir(dir);
 }

@@ -1,39 +1,15 @@
 // quen url, quen oburl and quen like end to end: output and exit status
 // of the built quen binary.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <string>
+#include "web_support.h"
 
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out;
-};
+using Outcome = quentest::QuenRun;
 
-class QuenUrl : public ::testing::Test {
+class QuenUrl : public quentest::QuenTest {
  protected:
-  void SetUp() override {
-    quen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
-    if (!std::filesystem::exists(quen)) GTEST_SKIP() << "quen is not built";
-  }
-  // Runs quen in a UTF-8 locale with the (shell-quoted) arguments; stdout only.
-  Outcome run(std::string const& args) const {
-    std::string cmd = "LC_ALL=C.UTF-8 " + quen + " " + args + " 2>/dev/null";
-    Outcome r{-1, {}};
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-  }
-  std::string quen;
+  // quen in a UTF-8 locale with the (shell-quoted) arguments; stdout only.
+  static Outcome run(std::string const& args) { return quentest::RunQuen(args, "LC_ALL=C.UTF-8", false); }
 };
 
 }  // namespace

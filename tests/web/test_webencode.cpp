@@ -1,32 +1,19 @@
 // HTML and script encoders: fixed cases, and a generated corpus checked by
 // decoders of the two script-literal forms (nothing unsafe gets through,
 // and the literal means the original text).
-#include <gtest/gtest.h>
+#include "web_support.h"
 #include <quenlib/webencode.h>
 
 #include <cctype>
-#include <clocale>
 #include <cstring>
 #include <optional>
 #include <random>
-#include <string>
 
 using namespace QuenLibA500;
 
 namespace {
 
-std::string S(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
-class WebEncode : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char const* old = std::setlocale(LC_ALL, nullptr);
-    saved_ = old ? old : "C";
-    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
-  }
-  void TearDown() override { std::setlocale(LC_ALL, saved_.c_str()); }
-  std::string saved_;
-};
+using WebEncode = quentest::Utf8Test;
 
 bool Forbidden(unsigned char c) {
   return c < 0x20 || c == 0x7F || c == '"' || c == '\\' || c == '<' || c == '>';
@@ -109,19 +96,11 @@ std::optional<std::string> ReadVb(std::string const& s) {
 
 }  // namespace
 
-TEST_F(WebEncode, MimeConstants) {
-  EXPECT_STREQ(SWebEncode::MIME_TYPE_HTML, "text/html");
-  EXPECT_STREQ(SWebEncode::MIME_TYPE_EPF, "application/x-epf");
-  EXPECT_STREQ(SWebEncode::MIME_TYPE_ETF, "application/x-etf");
-  EXPECT_STREQ(SWebEncode::MIME_TYPE_EMF, "application/x-emf");
-  EXPECT_STREQ(SWebEncode::MIME_TYPE_OCTET, "application/octet");
-}
-
 TEST_F(WebEncode, HtmlForms) {
-  EXPECT_EQ(S(SWebEncode::HTMLEncode("a<b&c")), "a&lt;b&amp;c");
-  EXPECT_EQ(S(SWebEncode::HTMLEncode("\"x\" 'y' >")), "&quot;x&quot; 'y' &gt;");
-  EXPECT_EQ(S(SWebEncode::HTMLEncode("caf\xC3\xA9")), "caf\xC3\xA9");
-  EXPECT_EQ(S(SWebEncode::HTMLNonBreakableSpace("a b")), "a&nbsp;b");
+  EXPECT_EQ(quentest::str(SWebEncode::HTMLEncode("a<b&c")), "a&lt;b&amp;c");
+  EXPECT_EQ(quentest::str(SWebEncode::HTMLEncode("\"x\" 'y' >")), "&quot;x&quot; 'y' &gt;");
+  EXPECT_EQ(quentest::str(SWebEncode::HTMLEncode("caf\xC3\xA9")), "caf\xC3\xA9");
+  EXPECT_EQ(quentest::str(SWebEncode::HTMLNonBreakableSpace("a b")), "a&nbsp;b");
   struct Case {
     char const* in;
     char const* out;
@@ -133,44 +112,11 @@ TEST_F(WebEncode, HtmlForms) {
       {"a  b", "a &nbsp;b"},
       {"a   b", "a &nbsp; b"},
   };
-  for (auto const& c : stippled) EXPECT_EQ(S(SWebEncode::HTMLNonBreakableSpaceStippled(c.in)), c.out) << c.in;
+  for (auto const& c : stippled) EXPECT_EQ(quentest::str(SWebEncode::HTMLNonBreakableSpaceStippled(c.in)), c.out) << c.in;
   for (auto fn : {&SWebEncode::HTMLEncode, &SWebEncode::HTMLNonBreakableSpace,
                   &SWebEncode::HTMLNonBreakableSpaceStippled, &SWebEncode::URLEncodeSimple,
                   &SWebEncode::JavaScriptEncode, &SWebEncode::VBScriptStringEncode})
-    EXPECT_EQ(S(fn(SAnsiString())), "");
-}
-
-TEST_F(WebEncode, UrlForms) {
-  using MB = MBCSCodesetConverter;
-  EXPECT_EQ(S(SWebEncode::URLEncodeSimple("a b-c")), "a+b%2Dc");
-  EXPECT_EQ(S(SWebEncode::URLEncode("a b/\xC3\xA9", MB::ECS_UTF8, true)), "a%20b/%C3%A9");
-  EXPECT_EQ(S(SWebEncode::URLEncode("\xC3\xA9", MB::ECS_Windows1252, false)), "%E9");
-  std::mt19937 rng(3);
-  for (int round = 0; round < 300; ++round) {
-    std::string in;
-    for (int k = static_cast<int>(rng() % 20); k > 0; --k) {
-      int pick = static_cast<int>(rng() % 4);
-      if (pick == 0) in += "\xC3\xA9";
-      else in.push_back(static_cast<char>(0x20 + rng() % 0x5F));
-    }
-    for (bool flag : {true, false}) {
-      SAnsiString enc = SWebEncode::URLEncode(in.c_str(), MB::ECS_UTF8, flag);
-      EXPECT_EQ(S(SWebEncode::URLDecodeEx(enc, MB::ECS_UTF8, flag)), in);
-      SAnsiString enc1252 = SWebEncode::URLEncode(in.c_str(), MB::ECS_Windows1252, flag);
-      EXPECT_EQ(S(SWebEncode::URLDecodeEx(enc1252, MB::ECS_Windows1252, flag)), in);
-    }
-    EXPECT_EQ(S(SWebEncode::URLDecodeEx(SWebEncode::URLEncodeSimple(in.c_str()))), in);
-  }
-  EXPECT_EQ(S(SWebEncode::URLDecodeEx("100%+%zz%4")), "100% %zz%4");
-  EXPECT_EQ(S(SWebEncode::URLDecodeEx("a+b%20c", MB::ECS_Native, true)), "a+b c");
-}
-
-TEST_F(WebEncode, ScriptExamples) {
-  EXPECT_EQ(S(SWebEncode::JavaScriptEncode("say \"hi\"\n")), "say \\x22hi\\x22\\n");
-  EXPECT_EQ(S(SWebEncode::JavaScriptEncode("</script>")), "\\x3C/script\\x3E");
-  EXPECT_EQ(S(SWebEncode::JavaScriptEncode("a\\b\x01\xE2\x80\xA8")), "a\\\\b\\x01\\u2028");
-  EXPECT_EQ(S(SWebEncode::VBScriptStringEncode("say \"hi\"")), "say \"\"hi\"\"");
-  EXPECT_EQ(S(SWebEncode::VBScriptStringEncode("a\nb")), "a\" & Chr(10) & \"b");
+    EXPECT_EQ(quentest::str(fn(SAnsiString())), "");
 }
 
 TEST_F(WebEncode, ScriptLiteralsAreSafeOnGeneratedCorpus) {
@@ -187,8 +133,8 @@ TEST_F(WebEncode, ScriptLiteralsAreSafeOnGeneratedCorpus) {
       else
         in += pieces[rng() % (sizeof pieces / sizeof pieces[0])];
     }
-    std::string js = S(SWebEncode::JavaScriptEncode(in.c_str()));
-    std::string vb = S(SWebEncode::VBScriptStringEncode(in.c_str()));
+    std::string js = quentest::str(SWebEncode::JavaScriptEncode(in.c_str()));
+    std::string vb = quentest::str(SWebEncode::VBScriptStringEncode(in.c_str()));
     auto jsBack = ReadJs(js);
     auto vbBack = ReadVb(vb);
     ASSERT_TRUE(jsBack.has_value()) << js;

@@ -65,6 +65,13 @@
 #include <quenlib/configfilereader.h>
 #include <registrykeys/configmgr_regkeys.h>
 
+// Network clients: sockets and TCP connections with TLS, SOCKS server
+// settings and socks URIs.
+#include <quenlib/csisocket.h>
+#include <quenlib/csitcpsocket.h>
+#include <quenlib/sockshelpers.h>
+#include <registrykeys/registrysocksserver.h>
+
 // Processes: framed pipes to child processes, starting, watching and
 // stopping children.
 #include <quenlib/csipipe.h>

@@ -27,6 +27,7 @@
 
 #include <quenlib/quenlib_export.h>
 #include <quenlib/regapi.h>
+#include <quenlib/siarray.h>
 #include <quenlib/sstring.h>
 #include <quenlib/types.h>
 
@@ -348,6 +349,16 @@ class QUENLIB_API WebConnectorRegistry : public CompanyRegistry {
 
   static char const* const WCSHOSTS_KEY;  // "WCSHosts"
   static char const* const WCSHOST_VALUE;  // "WCSHost"
+  static char const* const WCSSOCKS_VALUE;  // "SocksServers"
+
+  // A host and its SOCKS servers; defined in <registrykeys/registrysocksserver.h>.
+  struct WCSHost;
+  // The hosts below "WCSHosts": sub-keys "0", "1", ... each with the host
+  // name ("WCSHost") and its servers as a stored socks URI
+  // ("SocksServers"). Appends; false at the first unreadable host.
+  bool GetWCSHosts(SIArray<WCSHost>& hosts);
+  // Replaces the hosts below "WCSHosts".
+  bool SetWCSHosts(SIArray<WCSHost> const& hosts);
 };
 
 // company key\Shared Tools[\sub].

@@ -1,17 +1,13 @@
-// Helpers shared by the tracing tests: a recording observer and a
-// scratch directory.
+// Helpers of the diagnostics tests: a thread-safe recording observer,
+// initialisation from a command-line text, and the shared text helpers.
 #pragma once
 
 #include <quenlib/paramlineargs.h>
 #include <quenlib/slogger.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
-#include <sstream>
-#include <string>
-#include <vector>
+
+#include "text/text_support.h"
 
 namespace tracetest {
 
@@ -73,36 +69,9 @@ class Recorder {
   std::vector<std::string> asserts_;
 };
 
-// A fresh directory under $TMPDIR, removed with its contents.
-class ScratchDir {
- public:
-  ScratchDir() {
-    char const* tmp = std::getenv("TMPDIR");
-    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/quenlib-trace-XXXXXX";
-    path_ = ::mkdtemp(templ.data());
-  }
-  ~ScratchDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  std::string const& path() const { return path_; }
-  std::string file(std::string const& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
-inline std::string readFile(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-inline void writeFile(std::string const& path, std::string const& text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
-}
+using ScratchDir = quentest::TempDir;
+using quentest::ReadFile;
+using quentest::WriteFile;
 
 // Initializes from a command-line text (program name added), without the
 // environment.
