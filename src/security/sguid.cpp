@@ -63,7 +63,12 @@ bool SGuid::Parse(SAnsiString const& text, SGuid& guid) {
   return true;
 }
 
-SAnsiString SGuid::ToString() const { return ("{" + Format(m_bytes, "0123456789ABCDEF") + "}").c_str(); }
+SAnsiString SGuid::ToString() const {
+  std::string s(1, '{');
+  s.append(Format(m_bytes, "0123456789ABCDEF"));
+  s.push_back('}');
+  return s.c_str();
+}
 
 SAnsiString SGuid::ToPlainString() const { return Format(m_bytes, "0123456789abcdef").c_str(); }
 
