@@ -61,7 +61,10 @@ std::string UnitWord(std::string const& word) {
     if (c == ' ' || c == '\t' || c == '\'' || c == ';') quote = true;
     out += c;
   }
-  return quote ? "\"" + out + "\"" : out;
+  if (!quote) return out;
+  std::string quoted(1, '"');
+  quoted.append(out).push_back('"');
+  return quoted;
 }
 
 std::string ProgramPath(int& err) {
@@ -81,7 +84,8 @@ std::string UnitText(SAnsiString const& displayName, std::string const& program,
   for (size_t i = 1; i < words.size(); ++i) {
     std::string const& w = words[i];
     if (w == "-install" || w == "/install" || w == "--install" || w == "install") continue;
-    exec += " " + UnitWord(w);
+    exec += ' ';
+    exec += UnitWord(w);
   }
   std::error_code ec;
   std::string const cwd = std::filesystem::current_path(ec).string();
