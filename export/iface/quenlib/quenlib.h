@@ -65,6 +65,12 @@
 #include <quenlib/configfilereader.h>
 #include <registrykeys/configmgr_regkeys.h>
 
+// Security and identity: digests, authenticated encryption, GUIDs,
+// stored passwords.
+#include <quenlib/scrypt.h>
+#include <quenlib/sguid.h>
+#include <quenlib/spasswordscrambler.h>
+
 // Network clients: sockets and TCP connections with TLS, SOCKS server
 // settings and socks URIs.
 #include <quenlib/csisocket.h>
