@@ -31,7 +31,7 @@ std::atomic<bool> gStopConsoles{false};
 }
 void StopConsoles() { gStopConsoles.store(true); }
 void ResumeConsoles() { gStopConsoles.store(false); }
-bool ConsolesStopping() { return gStopConsoles.load() || SIServerController::getServerShutdownFlag(); }
+bool ConsolesStopping() { return gStopConsoles.load(); }
 }  // namespace serverstate
 
 namespace {
