@@ -26,19 +26,13 @@ namespace {
 using xercesc::DOMElement;
 using xercesc::DOMNode;
 
-// Xerces is started by the first live document and stopped after the
-// last, under one lock: its start and stop are not thread-safe.
-std::mutex g_runtimeLock;
-unsigned g_runtimeUsers = 0;
-
+// Xerces is started once, by the first document, and kept for the life of
+// the process: starting and stopping it costs far more than a small parse,
+// and its start is not thread-safe. (Its start and stop are counted, so
+// other users in the process may still pair their own.)
 void AcquireRuntime() {
-  std::lock_guard<std::mutex> lock(g_runtimeLock);
-  if (g_runtimeUsers++ == 0) xercesc::XMLPlatformUtils::Initialize();
-}
-
-void ReleaseRuntime() {
-  std::lock_guard<std::mutex> lock(g_runtimeLock);
-  if (--g_runtimeUsers == 0) xercesc::XMLPlatformUtils::Terminate();
+  static std::once_flag started;
+  std::call_once(started, [] { xercesc::XMLPlatformUtils::Initialize(); });
 }
 
 // Entities may expand to at most this many in one document.
@@ -131,7 +125,6 @@ class DocumentImpl {
   explicit DocumentImpl(xercesc::DOMDocument* doc) : m_doc(doc) {}
   ~DocumentImpl() {
     m_doc->release();
-    ReleaseRuntime();  // the runtime was acquired for this document
   }
   DocumentImpl(DocumentImpl const&) = delete;
   DocumentImpl& operator=(DocumentImpl const&) = delete;
@@ -264,7 +257,6 @@ bool SXmlDocument::parse(char const* data, size_t size) {
       doc = parser.adoptDocument();
   }
   if (doc == nullptr) {
-    ReleaseRuntime();
     if (!errors.seen()) return fail(stNotWellFormed, "no root element", 1, 1);
     return fail(stNotWellFormed, errors.text(), errors.line(), errors.column());
   }
@@ -298,7 +290,6 @@ bool SXmlDocument::create(char const* rootName) {
     doc = nullptr;
   }
   if (doc == nullptr) {
-    ReleaseRuntime();
     return fail(stBadName, SAnsiString("not an XML element name"));
   }
   m_doc = std::make_shared<xmldetail::DocumentImpl>(doc);
