@@ -14,7 +14,9 @@
 // `cancel` disarms the timer and, when the callback is running on the timer
 // thread at that moment, waits until it has returned, so the caller may
 // free what the callback uses. A callback may cancel or restart its own
-// timer (cancel then does not wait for itself). The destructor cancels.
+// timer (cancel then does not wait for itself). The destructor cancels and
+// ends the timer thread, so a timer must not be destroyed by its own
+// callback.
 //
 // Periodic timers keep their rate: each call is due one period after the
 // previous due time, not after the previous call ended; periods missed
