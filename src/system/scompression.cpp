@@ -268,17 +268,21 @@ bool SCompression::finish(Status status, char const* reason) {
   return status == stOk;
 }
 
+// The buffer forms read from a shared copy of the input, so that in and
+// out may be the same buffer.
 bool SCompression::compress(SSimpleBuffer const& in, SSimpleBuffer& out) {
+  SSimpleBuffer const input(in);
   DeflateStream stream(m_level, m_format == fmtGzip);
-  BufferSource source(in);
+  BufferSource source(input);
   BufferSink sink(out);
   Outcome const outcome = stream.run(source, sink, kBufferMax);
   return finish(outcome.status, outcome.reason.c_str());
 }
 
 bool SCompression::decompress(SSimpleBuffer const& in, SSimpleBuffer& out) {
+  SSimpleBuffer const input(in);
   InflateStream stream;
-  BufferSource source(in);
+  BufferSource source(input);
   BufferSink sink(out);
   Outcome const outcome = stream.run(source, sink, BufferLimit(m_outputLimit));
   if (outcome.status != stOk) out.empty();

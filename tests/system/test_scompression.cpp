@@ -146,6 +146,13 @@ TEST(Compression, GzipMembersConcatenateAndZlibRefusesTrailingData) {
   ASSERT_TRUE(gz.compress(Buffer("second"), b));
   EXPECT_TRUE(gz.decompress(Buffer(Text(a) + Text(b)), out));
   EXPECT_EQ(Text(out), "first second");
+  // One buffer as both input and output, larger than a block each way.
+  std::string const big = Sample(2 << 20);
+  SSimpleBuffer inPlace;
+  ASSERT_TRUE(gz.compress(Buffer(big), inPlace));
+  ASSERT_GT(inPlace.getNBytes(), 128u * 1024);
+  EXPECT_TRUE(gz.decompress(inPlace, inPlace)) << gz.getReason().getString();
+  EXPECT_EQ(Text(inPlace), big);
   ASSERT_TRUE(zl.compress(Buffer("once"), a));
   EXPECT_FALSE(zl.decompress(Buffer(Text(a) + "x"), out));
   EXPECT_EQ(zl.getStatus(), SCompression::stCorrupt);
