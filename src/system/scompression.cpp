@@ -271,7 +271,7 @@ bool SCompression::finish(Status status, char const* reason) {
 // The buffer forms read from a shared copy of the input, so that in and
 // out may be the same buffer.
 bool SCompression::compress(SSimpleBuffer const& in, SSimpleBuffer& out) {
-  SSimpleBuffer const input(in);
+  SSimpleBuffer const input(in);  // NOLINT(performance-unnecessary-copy-initialization): see above
   DeflateStream stream(m_level, m_format == fmtGzip);
   BufferSource source(input);
   BufferSink sink(out);
@@ -280,7 +280,7 @@ bool SCompression::compress(SSimpleBuffer const& in, SSimpleBuffer& out) {
 }
 
 bool SCompression::decompress(SSimpleBuffer const& in, SSimpleBuffer& out) {
-  SSimpleBuffer const input(in);
+  SSimpleBuffer const input(in);  // NOLINT(performance-unnecessary-copy-initialization): see above
   InflateStream stream;
   BufferSource source(input);
   BufferSink sink(out);
