@@ -12,14 +12,17 @@
 #include "diagnostics/assert.h"
 
 #include <algorithm>
+#include <thread>
 
 namespace QuenLibA500 {
 
 namespace {
 
-// Spins this often before sleeping: a partner thread that answers at once
-// (a hand-off) is then met without two system calls.
-constexpr int kSpinRounds = 64;
+// Before sleeping, spins briefly and then yields the CPU a few times: a
+// partner thread that answers at once (a hand-off) is then met without a
+// sleep and a wake-up, also when both share one core.
+constexpr int kSpinRounds = 16;
+constexpr int kYieldRounds = 4;
 
 void CpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -54,8 +57,11 @@ bool SSemaphore::tryTake() {
 bool SSemaphore::wait(DWORD ms) {
   if (tryTake()) return true;
   if (ms == 0) return false;
-  for (int i = 0; i < kSpinRounds; ++i) {
-    CpuRelax();
+  for (int i = 0; i < kSpinRounds + kYieldRounds; ++i) {
+    if (i < kSpinRounds)
+      CpuRelax();
+    else
+      std::this_thread::yield();
     if (m_count.load(std::memory_order_relaxed) > 0 && tryTake()) return true;
   }
   concurrency::Deadline const deadline(ms);

@@ -4,10 +4,15 @@
 #include "diagnostics/trace.h"
 
 #include <pthread.h>
+#include <sys/prctl.h>
 
 #include <exception>
 
 namespace QuenLibA500 {
+
+namespace {
+constexpr unsigned long kTimerSlackNs = 1000;
+}  // namespace
 
 STimer::~STimer() {
   {
@@ -70,6 +75,9 @@ uint64_t STimer::getFireCount() const {
 
 void STimer::threadMain() {
   pthread_setname_np(pthread_self(), "qltimer");
+  // The kernel may delay a sleeping thread's wake-up by its timer slack
+  // (50 us by default) to batch wake-ups; a timer thread wants it small.
+  prctl(PR_SET_TIMERSLACK, kTimerSlackNs);
   std::unique_lock<std::mutex> lock(m_mutex);
   while (!m_quit) {
     if (!m_armed) {

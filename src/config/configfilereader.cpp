@@ -1,16 +1,10 @@
 // ConfigFileReader: sectioned key=value files and XML landscape files,
 // loaded once and looked up by section and key.
-#include <quenlib/codesetconverter.h>
 #include <quenlib/configfilereader.h>
 #include <quenlib/sfile.h>
 #include <quenlib/slogger.h>
+#include <quenlib/sxmldocument.h>
 
-#include <xercesc/dom/DOM.hpp>
-#include <xercesc/parsers/XercesDOMParser.hpp>
-#include <xercesc/sax/HandlerBase.hpp>
-#include <xercesc/util/PlatformUtils.hpp>
-#include <xercesc/util/TransService.hpp>
-#include <xercesc/util/XMLString.hpp>
 
 #include <cstring>
 #include <string>
@@ -30,11 +24,6 @@ std::string_view trim(std::string_view s) {
 }
 
 SAnsiString ansi(std::string_view s) { return SAnsiString(s.data(), static_cast<unsigned>(s.size())); }
-
-SAnsiString fromUtf8(std::string_view bytes) {
-  std::string text(bytes);  // the converter stops at a zero byte
-  return MBCSCodesetConverter::ExplicitCodesetToT(text.c_str(), MBCSCodesetConverter::ECS_UTF8);
-}
 
 // The reader's encodings carry the same values as the file class's.
 FileEncoding fileEncoding(ConfigFileReader::FileEncoding encoding) {
@@ -56,103 +45,42 @@ void traceOpenFailure(SFileException const& e) {
 
 // ------------------------------------------------------------ XML
 
-// Xerces is started for the duration of one parse (its start and stop are
-// counted, so this nests with other users in the process).
-class XercesSession {
- public:
-  XercesSession() {
-    try {
-      xercesc::XMLPlatformUtils::Initialize();
-      ok_ = true;
-    } catch (xercesc::XMLException const&) {
-      ok_ = false;
-    }
-  }
-  ~XercesSession() {
-    if (ok_) xercesc::XMLPlatformUtils::Terminate();
-  }
-  XercesSession(XercesSession const&) = delete;
-  XercesSession& operator=(XercesSession const&) = delete;
-  bool ok() const { return ok_; }
-
- private:
-  bool ok_ = false;
-};
-
-std::string utf8(XMLCh const* text) {
-  if (!text) return {};
-  xercesc::TranscodeToStr t(text, "UTF-8");
-  return std::string(reinterpret_cast<char const*>(t.str()), t.length());
-}
-
-bool sameName(XMLCh const* a, char const* b) {
-  XMLCh* wide = xercesc::XMLString::transcode(b);
-  bool same = xercesc::XMLString::equals(a, wide);
-  xercesc::XMLString::release(&wide);
-  return same;
-}
-
-std::vector<xercesc::DOMElement*> childElements(xercesc::DOMElement* parent, char const* name) {
-  std::vector<xercesc::DOMElement*> out;
-  for (auto* c = parent->getFirstElementChild(); c; c = c->getNextElementSibling())
-    if (sameName(c->getTagName(), name)) out.push_back(c);
-  return out;
-}
-
 // A property of a service: its attribute, else its first child element's
 // text. Line breaks become spaces (a value is one line of a section).
-bool serviceProperty(xercesc::DOMElement* service, char const* name, std::string& value) {
-  XMLCh* attr = xercesc::XMLString::transcode(name);
-  xercesc::DOMAttr* node = service->getAttributeNode(attr);
-  xercesc::XMLString::release(&attr);
-  if (node) {
-    value = utf8(node->getValue());
-  } else {
-    auto children = childElements(service, name);
-    if (children.empty()) return false;
-    value = utf8(children.front()->getTextContent());
+bool serviceProperty(SXmlElement const& service, char const* name, SAnsiString& value) {
+  if (!service.getAttribute(name, value)) {
+    SXmlElement const child = service.findElement(name);
+    if (!child.isValid()) return false;
+    value = child.getText();
   }
-  for (char& c : value)
+  std::string text(value.getString(), value.getLength());
+  for (char& c : text)
     if (c == '\n' || c == '\r') c = ' ';
+  value = ansi(text);
   return true;
 }
 
 char const* const kServiceProperties[] = {"uuid", "name", "server", "Description", "Server", "Database"};
 
 struct XmlSection {
-  std::string name, body;
+  SAnsiString name;
+  std::string body;
 };
 
 // The services of a landscape document as section names and bodies.
-bool landscapeSections(char const* path, std::vector<XmlSection>& out) {
-  xercesc::XercesDOMParser parser;
-  parser.setValidationScheme(xercesc::XercesDOMParser::Val_Never);
-  parser.setDoNamespaces(false);
-  parser.setLoadExternalDTD(false);
-  parser.setDisableDefaultEntityResolution(true);
-  parser.setCreateEntityReferenceNodes(false);
-  xercesc::HandlerBase errors;  // throws on fatal errors
-  parser.setErrorHandler(&errors);
-  try {
-    parser.parse(path);
-  } catch (...) {
-    return false;
-  }
-  if (parser.getErrorCount() != 0) return false;
-  xercesc::DOMDocument* doc = parser.getDocument();
-  xercesc::DOMElement* root = doc ? doc->getDocumentElement() : nullptr;
-  if (!root || !sameName(root->getTagName(), "Landscape")) return false;
-  for (auto* services : childElements(root, "Services")) {
-    for (auto* service : childElements(services, "Service")) {
-      XmlSection section;
-      std::string value;
-      for (char const* prop : kServiceProperties) {
-        if (!serviceProperty(service, prop, value)) continue;
-        if (std::strcmp(prop, "name") == 0) section.name = value;
-        section.body.append(prop).append("=").append(value).append("\n");
-      }
-      out.push_back(std::move(section));
+bool landscapeSections(SAnsiString const& path, std::vector<XmlSection>& out) {
+  SXmlDocument doc;
+  if (!doc.parseFile(path)) return false;
+  if (!doc.findElement("Landscape").isValid()) return false;
+  for (auto const& service : doc.findElements("Landscape/Services/Service")) {
+    XmlSection section;
+    SAnsiString value;
+    for (char const* prop : kServiceProperties) {
+      if (!serviceProperty(service, prop, value)) continue;
+      if (std::strcmp(prop, "name") == 0) section.name = value;
+      section.body.append(prop).append("=").append(value.getString(), value.getLength()).append("\n");
     }
+    out.push_back(std::move(section));
   }
   return true;
 }
@@ -223,11 +151,8 @@ bool ConfigFileReader::initializeFromXML(SAnsiString const& path) {
     return false;
   }
   std::vector<XmlSection> sections;
-  {
-    XercesSession session;
-    if (!session.ok() || !landscapeSections(path.getString(), sections)) return false;
-  }
-  for (auto const& s : sections) buildConfigDataFromXML(fromUtf8(s.name), fromUtf8(s.body));
+  if (!landscapeSections(path, sections)) return false;
+  for (auto const& s : sections) buildConfigDataFromXML(s.name, ansi(s.body));
   m_initialized = true;
   return true;
 }

@@ -19,6 +19,7 @@
 // closed before fork() and reopened lazily on both sides, because an SQLite
 // connection must never be used by two processes.
 #include <quenlib/regapi.h>
+#include <quenlib/senvironment.h>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -950,31 +951,9 @@ LONG RegQueryKeyOpenToEverybody(HKEY key, BOOL* open) {
 
 DWORD ExpandEnvironmentStringsA(LPCSTR src, LPSTR dst, DWORD size) {
   if (!src) return 0;
-  std::string out;
-  std::string_view s(src);
-  while (!s.empty()) {
-    size_t pct = s.find('%');
-    out.append(s.substr(0, pct));
-    if (pct == std::string_view::npos) break;
-    size_t end = s.find('%', pct + 1);
-    if (end == std::string_view::npos) {
-      out.append(s.substr(pct));
-      break;
-    }
-    std::string name(s.substr(pct + 1, end - pct - 1));
-    char const* value = name.empty() ? nullptr : std::getenv(name.c_str());
-    if (value) {
-      out.append(value);
-      s.remove_prefix(end + 1);
-    } else {
-      // Not a variable: keep the first '%' and look again from the second.
-      out.push_back('%');
-      out.append(name);
-      s.remove_prefix(end);
-    }
-  }
-  DWORD need = static_cast<DWORD>(out.size() + 1);
-  if (dst && size >= need) std::memcpy(dst, out.c_str(), need);
+  SAnsiString const out = SEnvironment::expand(src);
+  DWORD need = static_cast<DWORD>(out.getLength() + 1);
+  if (dst && size >= need) std::memcpy(dst, out.getString(), need);
   return need;
 }
 

@@ -16,10 +16,10 @@
 
 #include <quenlib/logplugin.h>
 #include <quenlib/paramlineargs.h>
+#include <quenlib/sstackwalk.h>
 
 #include <dlfcn.h>
 #include <errno.h>
-#include <execinfo.h>
 #include <pthread.h>
 #include <sys/stat.h>
 
@@ -1146,13 +1146,16 @@ void notifyAssert(std::string const& source, int line, char const* condition, ch
   if (fn) fn(ctx, source.c_str(), line, condition ? condition : "", message ? message : "");
 }
 
+// The caller's stack below the assertion, one "    at" line a frame.
 std::string stackDump() {
-  void* frames[48];
-  int const n = ::backtrace(frames, 48);
-  char** names = ::backtrace_symbols(frames, n);
+  SAnsiString const frames = SStackWalk::capture(2, 48);
+  std::string_view rest(frames.getString(), frames.getLength());
   std::string out;
-  for (int i = 2; names != nullptr && i < n; ++i) out += std::string("\n    at ") + names[i];
-  std::free(names);
+  while (!rest.empty()) {
+    size_t const nl = rest.find('\n');
+    out.append("\n    at ").append(rest.substr(0, nl));
+    rest = nl == std::string_view::npos ? std::string_view() : rest.substr(nl + 1);
+  }
   return out;
 }
 

@@ -9,6 +9,7 @@
 //  - A mapped record is a private read-write mapping, so writing into it
 //    changes neither the file nor another process's view.
 #include <quenlib/simplebuffer.h>
+#include <quenlib/sstringhelper.h>
 
 #include "diagnostics/assert.h"
 
@@ -43,13 +44,7 @@ void trace(SLogger::tracelevel level, int line, char const* text) {
 
 // "%1"/"%2" filled with the path and the system's reason for errno e.
 std::string fileMessage(char const* format, char const* path, int e) {
-  std::string out = format;
-  std::string const reason = std::strerror(e);
-  auto const p1 = out.find("%1");
-  if (p1 != std::string::npos) out.replace(p1, 2, path);
-  auto const p2 = out.find("%2");
-  if (p2 != std::string::npos) out.replace(p2, 2, reason);
-  return out;
+  return SStringHelper::formatMessage(format, path, std::strerror(e)).getString();
 }
 
 bool addOverflows(unsigned int a, unsigned int b, unsigned int* sum) {

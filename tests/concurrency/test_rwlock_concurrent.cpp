@@ -27,7 +27,7 @@ bool WaitFor(Pred pred, std::chrono::milliseconds limit = 5000ms) {
 
 }  // namespace
 
-TEST(RWLock, WritersExcludeEveryoneReadersShare) {
+TEST(RWLockConcurrent, WritersExcludeEveryoneReadersShare) {
   SRWLock lock;
   long a = 0, b = 0;  // plain data: the sanitizer checks the lock orders them
   std::atomic<bool> torn{false};
@@ -52,7 +52,7 @@ TEST(RWLock, WritersExcludeEveryoneReadersShare) {
   EXPECT_EQ(b, 3000);
 }
 
-TEST(RWLock, TimedAttemptsGiveUpWhileTheOtherSideHoldsIt) {
+TEST(RWLockConcurrent, TimedAttemptsGiveUpWhileTheOtherSideHoldsIt) {
   SRWLock lock;
   lock.lockWrite();
   std::thread other([&] {
@@ -73,7 +73,7 @@ TEST(RWLock, TimedAttemptsGiveUpWhileTheOtherSideHoldsIt) {
 
 // Two readers pass the lock between them so that one is always inside:
 // without the writer-waiting rule the writer would never get in.
-TEST(RWLock, AStreamOfOverlappingReadersDoesNotStarveAWriter) {
+TEST(RWLockConcurrent, AStreamOfOverlappingReadersDoesNotStarveAWriter) {
   SRWLock lock;
   std::atomic<int> inside{0};
   std::atomic<bool> done{false};
@@ -103,7 +103,7 @@ TEST(RWLock, AStreamOfOverlappingReadersDoesNotStarveAWriter) {
 
 // A writer releasing the lock lets the readers waiting at that moment in
 // before the writer waiting behind them.
-TEST(RWLock, ReadersWaitingWhenAWriterLeavesGoBeforeTheNextWriter) {
+TEST(RWLockConcurrent, ReadersWaitingWhenAWriterLeavesGoBeforeTheNextWriter) {
   SRWLock lock;
   std::atomic<int> order{0};
   int readerTurn = 0, writerTurn = 0;

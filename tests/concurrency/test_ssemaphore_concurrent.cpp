@@ -12,7 +12,7 @@ using namespace QuenLibA500;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-TEST(SSemaphore, ReleasePastTheMaximumIsRefusedWhole) {
+TEST(SSemaphoreConcurrent, ReleasePastTheMaximumIsRefusedWhole) {
   SSemaphore sem(1, 3);
   int32_t before = -1;
   EXPECT_FALSE(sem.release(3, &before));
@@ -27,7 +27,7 @@ TEST(SSemaphore, ReleasePastTheMaximumIsRefusedWhole) {
   EXPECT_FALSE(sem.wait(0));
 }
 
-TEST(SSemaphore, WaitTimesOutWithoutAReleaseAndWakesOnOne) {
+TEST(SSemaphoreConcurrent, WaitTimesOutWithoutAReleaseAndWakesOnOne) {
   SSemaphore sem(0, 1);
   auto const start = Clock::now();
   EXPECT_FALSE(sem.wait(50));
@@ -41,7 +41,7 @@ TEST(SSemaphore, WaitTimesOutWithoutAReleaseAndWakesOnOne) {
   EXPECT_EQ(sem.getCount(), 0);
 }
 
-TEST(SSemaphore, EveryReleasedCountIsTakenExactlyOnce) {
+TEST(SSemaphoreConcurrent, EveryReleasedCountIsTakenExactlyOnce) {
   SSemaphore sem(0, 1000);
   std::atomic<int> taken{0};
   std::vector<std::thread> consumers;

@@ -20,7 +20,7 @@ using namespace QuenLibA500;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-TEST(STerminatingThread, StopWakesTheBodyAndTheKernelKnowsItsName) {
+TEST(STerminatingThreadConcurrent, StopWakesTheBodyAndTheKernelKnowsItsName) {
   std::atomic<long> tid{0};
   std::atomic<int> rounds{0};
   STerminatingThread worker("quen-flusher-with-a-long-name", [&](STerminatingThread& self) {
@@ -42,7 +42,7 @@ TEST(STerminatingThread, StopWakesTheBodyAndTheKernelKnowsItsName) {
   EXPECT_FALSE(worker.isRunning());
 }
 
-TEST(STerminatingThread, StopTimesOutOnABodyThatIgnoresItThenJoins) {
+TEST(STerminatingThreadConcurrent, StopTimesOutOnABodyThatIgnoresItThenJoins) {
   STerminatingThread stubborn("stubborn", [](STerminatingThread&) {
     std::this_thread::sleep_for(300ms);
   });
@@ -54,7 +54,7 @@ TEST(STerminatingThread, StopTimesOutOnABodyThatIgnoresItThenJoins) {
   EXPECT_TRUE(stubborn.join(5000));
 }
 
-TEST(STerminatingThread, AThrowingBodyEndsTheThreadCleanly) {
+TEST(STerminatingThreadConcurrent, AThrowingBodyEndsTheThreadCleanly) {
   STerminatingThread thrower("thrower", [](STerminatingThread&) {
     throw std::runtime_error("broken");
   });
@@ -63,7 +63,7 @@ TEST(STerminatingThread, AThrowingBodyEndsTheThreadCleanly) {
   EXPECT_FALSE(thrower.isRunning());
 }
 
-TEST(SCriticalSection, RecursiveAndExclusive) {
+TEST(SCriticalSectionConcurrent, RecursiveAndExclusive) {
   SCriticalSection cs;
   long shared = 0;
   std::vector<std::thread> threads;
@@ -88,7 +88,7 @@ TEST(SCriticalSection, RecursiveAndExclusive) {
   cs.leave();
 }
 
-TEST(SInterlocked64, CountsPastThirtyTwoBitsAndComparesBeforeExchanging) {
+TEST(SInterlocked64Concurrent, CountsPastThirtyTwoBitsAndComparesBeforeExchanging) {
   SInterlockedInt64s counter(int64_t{1} << 40);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)

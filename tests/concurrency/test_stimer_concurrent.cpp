@@ -27,7 +27,7 @@ bool WaitFor(Pred pred, std::chrono::milliseconds limit = 5000ms) {
 
 }  // namespace
 
-TEST(STimer, OneShotFiresOnceNotBeforeItsTime) {
+TEST(STimerConcurrent, OneShotFiresOnceNotBeforeItsTime) {
   STimer timer;
   std::atomic<int> calls{0};
   auto const start = Clock::now();
@@ -44,7 +44,7 @@ TEST(STimer, OneShotFiresOnceNotBeforeItsTime) {
   EXPECT_GE(Clock::duration(firedAfter.load()), 40ms);
 }
 
-TEST(STimer, PeriodicKeepsFiringAndAThrowingCallbackDoesNotStopIt) {
+TEST(STimerConcurrent, PeriodicKeepsFiringAndAThrowingCallbackDoesNotStopIt) {
   STimer timer;
   std::atomic<int> calls{0};
   ASSERT_TRUE(timer.startPeriodic(5, [&] {
@@ -59,7 +59,7 @@ TEST(STimer, PeriodicKeepsFiringAndAThrowingCallbackDoesNotStopIt) {
   EXPECT_FALSE(timer.startOnce(1, STimer::Callback()));
 }
 
-TEST(STimer, CancelWaitsForTheRunningCallback) {
+TEST(STimerConcurrent, CancelWaitsForTheRunningCallback) {
   STimer timer;
   std::atomic<bool> entered{false}, finished{false};
   ASSERT_TRUE(timer.startOnce(1, [&] {
@@ -72,7 +72,7 @@ TEST(STimer, CancelWaitsForTheRunningCallback) {
   EXPECT_TRUE(finished.load()) << "cancel returned while the callback ran";
 }
 
-TEST(STimer, ACallbackMayCancelOrRestartItsOwnTimer) {
+TEST(STimerConcurrent, ACallbackMayCancelOrRestartItsOwnTimer) {
   STimer timer;
   std::atomic<int> calls{0};
   ASSERT_TRUE(timer.startPeriodic(2, [&] {

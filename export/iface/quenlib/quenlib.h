@@ -24,12 +24,14 @@
 #include <quenlib/neutralstr.h>
 #include <quenlib/strtok.h>
 #include <quenlib/siarray.h>
+#include <quenlib/sstringhelper.h>
 
-// Concurrency: critical sections, reader-writer locks, semaphores, timers,
-// stoppable named threads.
+// Concurrency: critical sections, reader-writer locks, semaphores, events,
+// timers, stoppable named threads.
 #include <quenlib/critsec.h>
 #include <quenlib/rwlock.h>
 #include <quenlib/ssemaphore.h>
+#include <quenlib/sevent.h>
 #include <quenlib/stimer.h>
 #include <quenlib/sthread.h>
 
@@ -40,6 +42,7 @@
 #include <quenlib/paramlineargs.h>
 #include <quenlib/seventlog.h>
 #include <quenlib/logplugin.h>
+#include <quenlib/sstackwalk.h>
 
 // Time: dates, times, spans, zones and formatting by pattern.
 #include <quenlib/sdatetime.h>
@@ -56,6 +59,14 @@
 
 // Files: files, file-system operations and their exceptions.
 #include <quenlib/sfile.h>
+
+// System services: environment, system information, shared libraries,
+// compression, XML documents.
+#include <quenlib/senvironment.h>
+#include <quenlib/ssysteminfo.h>
+#include <quenlib/DllWrap.h>
+#include <quenlib/scompression.h>
+#include <quenlib/sxmldocument.h>
 
 // Configuration: the registry on its embedded store, .reg files,
 // configuration files and the configuration-manager record.

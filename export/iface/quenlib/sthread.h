@@ -17,8 +17,10 @@
 // name in `top -H`, `ps -L`, /proc/<pid>/task/<tid>/comm and debuggers.
 // A body that throws is traced as an error; the thread then ends as if the
 // body had returned. A subclass may override `run()` instead of passing a
-// body. The destructor asks the thread to stop and waits for it without a
-// time-out: a body must not ignore the request forever. A thread object is
+// body; its destructor must then call stop() itself, because the thread
+// would otherwise still run the subclass's run() while the subclass part
+// is destroyed. The destructor asks the thread to stop and waits for it
+// without a time-out: a body must not ignore the request forever. A thread object is
 // started at most once at a time and cannot be copied.
 #pragma once
 
