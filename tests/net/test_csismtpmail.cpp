@@ -441,3 +441,39 @@ TEST_F(Smtp, TlsWithThePinnedCertificate) {
   EXPECT_EQ(m_server->read(1)["part0.bytes"], "over TLS\r\n\r\n\r\n");
   EXPECT_FALSE(m_server->has("msg2.eml"));
 }
+
+TEST_F(Smtp, QuenMailSendTakesThePasswordFromTheEnvironmentOnly) {
+  std::string const quen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
+  if (!std::filesystem::exists(quen)) GTEST_SKIP() << "quen is not built";
+  start(withAuth());
+  std::ofstream(m_dir / "body.txt") << "line one\n.\n";
+  std::ofstream(m_dir / "a.csv") << "x,y\n1,2\n";
+  auto const run = [&](std::string const& args) {
+    std::string out;
+    FILE* p = ::popen(("timeout 30 " + quen + " mail send --server 127.0.0.1:" + std::to_string(m_server->port()) +
+                       " --from me@example.org --subject hi " + args + " 2>&1").c_str(), "r");
+    char buf[4096];
+    for (size_t n; p && (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+    int const st = p ? ::pclose(p) : -1;
+    return std::make_pair(WIFEXITED(st) ? WEXITSTATUS(st) : -1, out);
+  };
+  std::string const args = "--to you@example.org --cc refuse550@x.org --auth login --user user --verbose "
+                           "--body-file " + m_dir / "body.txt" + " --attach " + m_dir / "a.csv" + ":text/csv";
+  EXPECT_EQ(run(args).first, 2);  // no password given
+  EXPECT_NE(run(args + " --password " + smtptest::kPassword).first, 0);
+  ::setenv("QUEN_SMTP_PASSWORD", smtptest::kPassword, 1);
+  auto const [status, out] = run(args);
+  ::unsetenv("QUEN_SMTP_PASSWORD");
+  EXPECT_EQ(status, 1) << out;  // the last (only) Cc was refused
+  EXPECT_NE(out.find("C: AUTH LOGIN\nS: 334 VXNlciBOYW1lAA==\nC: ***\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("error code 3, SMTP reply 550"), std::string::npos) << out;
+  EXPECT_EQ(out.find(smtptest::kPassword), std::string::npos);
+  std::ofstream(m_dir / "pw") << smtptest::kPassword << "\n";
+  auto const sent = run("--to you@example.org --auth plain --user user --password-file " + m_dir / "pw" +
+                        " --body-file " + m_dir / "body.txt" + " --attach " + m_dir / "a.csv:text/csv");
+  EXPECT_EQ(sent, std::make_pair(0, std::string("sent to 1 recipient(s) with 1 attachment(s)\n")));
+  auto f = m_server->read(1);
+  EXPECT_EQ(f["part0.bytes"], "line one\r\n.\r\n");
+  EXPECT_EQ(f["Part1"], "text/csv;;a.csv");
+  EXPECT_EQ(f["part1.bytes"], "x,y\n1,2\n");
+}
