@@ -22,16 +22,14 @@ constexpr char const kPassword[] = "s3cr3t-Pa55";
 // checks the account "user" / kPassword, saves each accepted message as
 // msgN.eml with its envelope in msgN.env, and logs each AUTH to auth.log.
 constexpr char const kServerScript[] = R"PY(
-import asyncio, json, os, ssl, sys
+import asyncio, os, ssl, sys
 from aiosmtpd.smtp import SMTP, AuthResult, LoginPassword
-cfg = json.load(open(sys.argv[1]))
-out = cfg['dir']
+out, password, flags = sys.argv[1], sys.argv[2], sys.argv[3:]
 
 class Handler:
     count = 0
     async def handle_EHLO(self, server, session, envelope, hostname, responses):
-        if cfg.get('ehlo502'):
-            return ['502 5.5.1 EHLO not implemented']
+        if 'ehlo502' in flags: return ['502 5.5.1 EHLO not implemented']
         session.host_name = hostname
         return responses
     async def handle_RCPT(self, server, session, envelope, address, options):
@@ -47,7 +45,7 @@ class Handler:
         return '250 2.0.0 queued'
 
 def authenticator(server, session, envelope, mechanism, data):
-    ok = isinstance(data, LoginPassword) and data.login == b'user' and data.password == cfg['password'].encode()
+    ok = isinstance(data, LoginPassword) and data.login == b'user' and data.password == password.encode()
     open(os.path.join(out, 'auth.log'), 'a').write('%s %s\n' % (mechanism, ok))
     return AuthResult(success=ok, handled=False)
 
@@ -60,13 +58,13 @@ class ClosingInData(SMTP):
 async def main():
     loop = asyncio.get_running_loop()
     tls = None
-    if cfg.get('cert'):
+    if 'tls' in flags:
         tls = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
-        tls.load_cert_chain(cfg['cert'], cfg['key'])
-    kind = ClosingInData if cfg.get('closeInData') else SMTP
+        tls.load_cert_chain(os.path.join(out, 'server.crt'), os.path.join(out, 'server.key'))
+    kind = ClosingInData if 'closeInData' in flags else SMTP
     handler = Handler()
     auth = dict(authenticator=authenticator, auth_require_tls=False,
-                auth_exclude_mechanism=cfg.get('exclude', [])) if cfg.get('auth') else {}
+                auth_exclude_mechanism=[f[2:] for f in flags if f.startswith('no')]) if 'auth' in flags else {}
     server = await loop.create_server(lambda: kind(handler, hostname='smtp.test', **auth), '127.0.0.1', 0, ssl=tls)
     open(os.path.join(out, 'port.tmp'), 'w').write(str(server.sockets[0].getsockname()[1]))
     os.rename(os.path.join(out, 'port.tmp'), os.path.join(out, 'port'))
@@ -83,7 +81,7 @@ import email, sys, time
 from email import policy, utils
 from email.header import decode_header, make_header
 msg = email.message_from_bytes(open(sys.argv[1], 'rb').read(), policy=policy.default)
-for name in ['From', 'To', 'Cc', 'Bcc', 'Subject', 'Mime-Version', 'Message-ID']:
+for name in ['From', 'To', 'Cc', 'Bcc', 'Subject', 'Mime-Version']:
     print('%s=%s' % (name, msg.get(name, '')))
 print('Defects=%d' % len(msg.defects))
 print('DateSkew=%d' % abs(utils.parsedate_to_datetime(msg['Date']).timestamp() - time.time()))
@@ -96,27 +94,19 @@ for i, p in enumerate(parts):
                                str(make_header(decode_header(name))) if name else ''))
 )PY";
 
-struct ServerOptions {
-  bool auth = false;
-  std::string exclude;  // a mechanism left out of AUTH
-  bool ehlo502 = false;
-  bool closeInData = false;
-  std::string cert, key;  // TLS from the first byte when set
-};
-
-// One aiosmtpd server for one test.
+// One aiosmtpd server for one test. Words for the handler: "auth" (AUTH
+// PLAIN and LOGIN), "noLOGIN" (leave a mechanism out), "ehlo502",
+// "closeInData", and "tls", which serves TLS from the first byte with the
+// key pair tlsFrom.crt, tlsFrom.key.
 class Server {
  public:
-  explicit Server(ServerOptions const& o = {}) {
+  explicit Server(std::vector<std::string> const& flags = {}, std::string const& tlsFrom = {}) {
     std::ofstream(m_dir / "server.py") << kServerScript;
-    std::ofstream(m_dir / "config.json")
-        << "{\"dir\": \"" << m_dir.path() << "\", \"password\": \"" << kPassword << "\", \"auth\": "
-        << (o.auth ? "true" : "false") << ", \"exclude\": [" << (o.exclude.empty() ? "" : "\"" + o.exclude + "\"")
-        << "], \"ehlo502\": " << (o.ehlo502 ? "true" : "false")
-        << ", \"closeInData\": " << (o.closeInData ? "true" : "false") << ", \"cert\": \"" << o.cert
-        << "\", \"key\": \"" << o.key << "\"}";
-    m_child = std::make_unique<Child>(std::vector<std::string>{kPython, m_dir / "server.py", m_dir / "config.json"},
-                                      m_dir / "server.log");
+    std::vector<std::string> argv{kPython, m_dir / "server.py", m_dir.path(), kPassword};
+    argv.insert(argv.end(), flags.begin(), flags.end());
+    for (char const* part : {".crt", ".key"})
+      if (!tlsFrom.empty()) std::filesystem::copy_file(tlsFrom + part, m_dir / (std::string("server") + part));
+    m_child = std::make_unique<Child>(argv, m_dir / "server.log");
     if (nettest::eventually([&] { return std::filesystem::exists(m_dir / "port"); }))
       m_port = static_cast<unsigned short>(std::stoi(nettest::readFile(m_dir / "port")));
   }
