@@ -195,6 +195,10 @@ TEST_F(Smtp, EmptyMessageAndLinesOfOneDot) {
     ASSERT_TRUE(m->SendMessageA()) << text;
   }
   for (int i = 0; i < 3; ++i) EXPECT_EQ(m_server->read(i + 1)["part0.bytes"], cases[i].second + std::string("\r\n\r\n\r\n"));
+  auto missing = mail();  // the spool file goes also when an attachment cannot be read
+  missing->AddAttachment((m_dir / "absent.bin").c_str(), "", "");
+  EXPECT_THROW(missing->SendMessageA(), SFileException);
+  EXPECT_FALSE(m_server->has("msg4.eml"));
 }
 
 TEST_F(Smtp, TwentyAttachmentsUpToTenMegabytes) {
