@@ -94,12 +94,12 @@ void checkAddress(std::string const& a) {
 }
 
 // FILE[:TYPE]: a TYPE holds a "/", so a path with colons stays whole.
-void attach(CSISMTPMail& mail, std::string const& spec) {
-  size_t const colon = spec.rfind(':');
-  bool const typed = colon != std::string::npos && spec.find('/', colon) != std::string::npos;
-  std::string const path = typed ? spec.substr(0, colon) : spec;
+void attach(CSISMTPMail& mail, std::string const& given) {
+  size_t const colon = given.rfind(':');
+  bool const typed = colon != std::string::npos && given.find('/', colon) != std::string::npos;
+  std::string const path = typed ? given.substr(0, colon) : given;
   if (::access(path.c_str(), R_OK) != 0) throw QuenExit{2, "cannot read " + path};
-  mail.AddAttachment(path.c_str(), typed ? spec.substr(colon + 1).c_str() : "", "");
+  mail.AddAttachment(path.c_str(), typed ? given.substr(colon + 1).c_str() : "", "");
 }
 
 std::string greetingName(Options const& o) {
