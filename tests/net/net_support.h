@@ -179,6 +179,16 @@ inline std::string readFile(std::string const& path) {
   return s.str();
 }
 
+// A self-signed certificate dir/name.crt with its key dir/name.key, made by
+// Debian's openssl: true when it was made.
+inline bool makeCertificate(std::string const& dir, std::string const& name) {
+  Child req({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+             "-days", "1", "-subj", "/CN=quenlib-test", "-keyout", dir + "/" + name + ".key", "-out",
+             dir + "/" + name + ".crt"},
+            dir + "/req.log");
+  return req.wait() == 0;
+}
+
 // Polls `check` every 20 ms until it holds or the deadline passes.
 inline bool eventually(std::function<bool()> const& check, int millis = kDeadlineMs) {
   auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(millis);

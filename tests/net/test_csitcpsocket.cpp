@@ -183,13 +183,7 @@ class Tls : public ::testing::Test {
     for (int f : m_input)
       if (f >= 0) ::close(f);
   }
-  bool makeCertificate(std::string const& name) {
-    Child req({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-               "-days", "1", "-subj", "/CN=quenlib-test", "-keyout", m_dir / (name + ".key"), "-out",
-               m_dir / (name + ".crt")},
-              m_dir / "req.log");
-    return req.wait() == 0;
-  }
+  bool makeCertificate(std::string const& name) { return nettest::makeCertificate(m_dir.path(), name); }
   void pin(std::string const& content) { std::ofstream(m_dir / "pin/certificate.crt") << content; }
 
   ScratchDir m_dir;

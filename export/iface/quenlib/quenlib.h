@@ -83,9 +83,10 @@
 #include <quenlib/spasswordscrambler.h>
 
 // Network clients: sockets and TCP connections with TLS, SOCKS server
-// settings and socks URIs.
+// settings and socks URIs, the SMTP client.
 #include <quenlib/csisocket.h>
 #include <quenlib/csitcpsocket.h>
+#include <quenlib/csismtpmail.h>
 #include <quenlib/sockshelpers.h>
 #include <registrykeys/registrysocksserver.h>
 
