@@ -16,6 +16,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -307,16 +308,23 @@ SAnsiString ReadFrame(int fd, CSIPipe::Handles& h, bool useTimeout, unsigned sec
     QL_TRACE(SLogger::tl_L, "PipeListener: ReadString(1) numberOfChars is zero?");
     return SAnsiString();
   }
+  // The buffer grows with the bytes that arrive (doubling from 64 KiB), so a
+  // header announcing 256 MiB costs nothing until the data is really there.
   std::string bytes;
-  try {
-    bytes.resize(length);
-  } catch (std::bad_alloc const&) {
-    SAnsiString const why(ErrorText(ENOMEM).c_str());
-    QL_TRACE(SLogger::tl_Error, "PipeListener: ReadString() memory allocation failure: %1", why);
-    throw CSIPipeException(CSIPipeException::noMemory, SAnsiString("PipeListener: memory allocation failure: ") + why,
-                           ENOMEM);
+  size_t got = 0;
+  while (got < length) {
+    size_t const step = std::min<size_t>(length - got, std::max<size_t>(kReadBufferSize, got));
+    try {
+      bytes.resize(got + step);
+    } catch (std::bad_alloc const&) {
+      SAnsiString const why(ErrorText(ENOMEM).c_str());
+      QL_TRACE(SLogger::tl_Error, "PipeListener: ReadString() memory allocation failure: %1", why);
+      throw CSIPipeException(CSIPipeException::noMemory,
+                             SAnsiString("PipeListener: memory allocation failure: ") + why, ENOMEM);
+    }
+    if (int rc = reader.readExact(bytes.data() + got, step); rc != 0) ThrowRead(rc, reader);
+    got += step;
   }
-  if (int rc = reader.readExact(bytes.data(), length); rc != 0) ThrowRead(rc, reader);
   return SAnsiString(bytes.data(), length);
 }
 
