@@ -281,6 +281,19 @@ class Sshd {
   std::unique_ptr<NamespacedServer> m_server;
 };
 
+// Runs the built quen with `args` (and `env` assignments before it): exit
+// status and standard output; status -2 when quen is not built.
+inline std::pair<int, std::string> runQuen(std::string const& args, std::string const& env = "") {
+  std::string const quen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
+  if (!std::filesystem::exists(quen)) return {-2, ""};
+  std::string out;
+  FILE* p = ::popen((env + " timeout 30 " + quen + " " + args + " 2>&1").c_str(), "r");
+  char buf[4096];
+  for (size_t n; p && (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+  int const st = p ? ::pclose(p) : -1;
+  return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
+}
+
 // Bytes 0, 1, ..., 250, 0, 1, ... (a pattern that shows a shifted piece).
 inline std::string pattern(size_t n) {
   std::string s(n, '\0');

@@ -251,6 +251,29 @@ TEST_P(CSIftpVsftpd, DirectoriesUploadsAndRefusals) {
   EXPECT_EQ(refused.second, "530 Login incorrect.");
 }
 
+TEST(QuenFtp, PutMkdirsPwdRm) {
+  Vsftpd server(AF_INET6);
+  if (!server.problem().empty()) GTEST_SKIP() << server.problem();
+  ScratchDir local;
+  writeFile(local / "pw", std::string(kPassword) + "\n");
+  writeFile(local / "f.txt", "payload");
+  std::string const url = "ftp://" + std::string(kUser) + "@[::1]:" + std::to_string(server.port());
+  std::string const pw = " --password-file " + (local / "pw");
+  if (runQuen("ftp pwd" + pw + " " + url).first == -2) GTEST_SKIP() << "quen is not built";
+  EXPECT_EQ(runQuen("ftp pwd " + url, "QUEN_FTP_PASSWORD=" + std::string(kPassword)),
+            std::make_pair(0, server.home() + "\n"));
+  EXPECT_EQ(runQuen("ftp mkdirs" + pw + " " + url + "/in/x").first, 0);
+  EXPECT_EQ(runQuen("ftp put" + pw + " " + url + "/in/x/ " + (local / "f.txt")).first, 0);
+  EXPECT_EQ(readFile(server.home() + "/in/x/f.txt"), "payload");
+  EXPECT_EQ(runQuen("ftp rm" + pw + " " + url + "/in/x/f.txt").first, 0);
+  EXPECT_FALSE(std::filesystem::exists(server.home() + "/in/x/f.txt"));
+  EXPECT_EQ(runQuen("ftp rm" + pw + " " + url + "/in/x/f.txt").first, 1);  // gone: 550
+  EXPECT_EQ(runQuen("ftp pwd " + url, "QUEN_FTP_PASSWORD=").first, 2);     // no password
+  auto const refused = runQuen("ftp pwd " + url, "QUEN_FTP_PASSWORD=wrong");
+  EXPECT_EQ(refused.first, 1);
+  EXPECT_NE(refused.second.find("category 2: 530 Login incorrect."), std::string::npos) << refused.second;
+}
+
 INSTANTIATE_TEST_SUITE_P(Families, CSIftpVsftpd, ::testing::Values(AF_INET, AF_INET6),
                          [](auto const& info) { return info.param == AF_INET ? "IPv4" : "IPv6"; });
 

@@ -160,4 +160,24 @@ TEST_F(CSIsftpSshd, DirectoriesAndUploads) {
                                           "first")));
 }
 
+TEST_F(CSIsftpSshd, QuenFingerprintPutMkdirs) {
+  auto const fp = runQuen("sftp fingerprint 127.0.0.1:" + std::to_string(server.port()));
+  if (fp.first == -2) GTEST_SKIP() << "quen is not built";
+  EXPECT_EQ(fp, std::make_pair(0, fingerprint + "\n"));
+  ScratchDir local;
+  writeFile(local / "f", "payload");
+  std::string const url = "sftp://" + std::string(kUser) + "@127.0.0.1:" + std::to_string(server.port());
+  std::string const env = "QUEN_SFTP_PASSWORD=" + std::string(kPassword);
+  EXPECT_EQ(runQuen("sftp put " + url + "/f " + (local / "f"), env).first, 2);  // no pin
+  std::string const pin = " --fingerprint " + upper(fingerprint);
+  EXPECT_EQ(runQuen("sftp mkdirs " + url + "/d/e --mode 750" + pin, env).first, 0);
+  EXPECT_EQ(std::filesystem::status(server.home() + "/d/e").permissions(), std::filesystem::perms(0750));
+  EXPECT_EQ(runQuen("sftp put " + url + "/d/e/ " + (local / "f") + pin, env).first, 0);
+  EXPECT_EQ(readFile(server.home() + "/d/e/f"), "payload");
+  EXPECT_EQ(runQuen("sftp put --exclusive " + url + "/d/e/f " + (local / "f") + pin, env).first, 1);
+  auto const wrong = runQuen("sftp put " + url + "/g " + (local / "f") + " --fingerprint " + std::string(64, '0'), env);
+  EXPECT_EQ(wrong.first, 1);
+  EXPECT_NE(wrong.second.find("Mis match in fingerprint"), std::string::npos) << wrong.second;
+}
+
 }  // namespace
