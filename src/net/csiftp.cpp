@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 namespace QuenLibA500 {
@@ -447,12 +448,13 @@ void CSIftp::SendDataMsg(char const* data, unsigned int length) {
 }
 
 bool CSIftp::sendFile(SFile& file, SAnsiString const& localPath) {
-  char piece[PIECE_SIZE];
+  std::unique_ptr<char[]> const buffer(new char[PIECE_SIZE]);
+  char* const piece = buffer.get();
   long total = 0;
   for (;;) {
     size_t n = 0;
     try {
-      n = file.read(piece, sizeof piece);
+      n = file.read(piece, PIECE_SIZE);
     } catch (SFileException const& e) {
       fail(CSIftpException::catLocalFile, std::string("Failed to read the file for transfer: ") + e.what());
     }

@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <string>
 
 namespace QuenLibA500 {
@@ -214,12 +215,13 @@ bool CSIsftp::CreateDirs(SAnsiString const& path, long mode) {
 
 long CSIsftp::sendFile(SFile& file, void* handle) {
   auto* remote = static_cast<LIBSSH2_SFTP_HANDLE*>(handle);
-  char piece[PIECE_SIZE];
+  std::unique_ptr<char[]> const buffer(new char[PIECE_SIZE]);
+  char* const piece = buffer.get();
   long total = 0;
   for (;;) {
     size_t n = 0;
     try {
-      n = file.read(piece, sizeof piece);
+      n = file.read(piece, PIECE_SIZE);
     } catch (SFileException const& e) {
       fail(CSIsftpException::catLocalFile, std::string("Failed to read the file for transfer: ") + e.what());
     }

@@ -281,6 +281,7 @@ class Sshd {
   std::unique_ptr<NamespacedServer> m_server;
 };
 
+#ifdef QUENLIB_BINARY_DIR
 // Runs the built quen with `args` (and `env` assignments before it): exit
 // status and standard output; status -2 when quen is not built.
 inline std::pair<int, std::string> runQuen(std::string const& args, std::string const& env = "") {
@@ -293,6 +294,7 @@ inline std::pair<int, std::string> runQuen(std::string const& args, std::string 
   int const st = p ? ::pclose(p) : -1;
   return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
 }
+#endif
 
 // Bytes 0, 1, ..., 250, 0, 1, ... (a pattern that shows a shifted piece).
 inline std::string pattern(size_t n) {

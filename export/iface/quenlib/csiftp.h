@@ -77,7 +77,7 @@ class QUENLIB_API CSIftp {
   static constexpr int DEFAULT_PORT = 21;
   static constexpr int DEFAULT_RECEIVE_TIMEOUT = 60;  // seconds
   // Size of the pieces a file is read and sent in.
-  static constexpr unsigned int PIECE_SIZE = 2048;
+  static constexpr unsigned int PIECE_SIZE = 65536;
   // Room of the control connection's line buffer (a longer line is split).
   static constexpr unsigned int LINE_BUFFER_SIZE = 1024;
 

@@ -83,7 +83,7 @@ class QUENLIB_API CSIsftp {
   // Mode of the files PutFile creates.
   static constexpr long FILE_MODE = 0600;
   // Size of the pieces a file is read and written in.
-  static constexpr unsigned int PIECE_SIZE = 2048;
+  static constexpr unsigned int PIECE_SIZE = 65536;
 
   CSIsftp();
   // Disconnects when connected; never throws.
