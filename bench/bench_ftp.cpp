@@ -44,7 +44,8 @@ Setup& setup() {
 
 void finish(benchmark::State& state, bool ok, std::string const& target) {
   std::error_code ec;
-  if (!ok || std::filesystem::file_size(target, ec) != kSize) state.SkipWithError("the upload did not arrive whole");
+  if (!ok || std::filesystem::file_size(target, ec) != kSize)
+    state.SkipWithError("the upload did not arrive whole");
   std::filesystem::remove(target, ec);
 }
 
@@ -90,8 +91,9 @@ void BM_SftpPut_Quenlib(benchmark::State& state) {
   if (!s.ready(state)) return;
   for (auto _ : state) {
     CSIsftp sftp;
-    bool ok = sftp.Connect("127.0.0.1", "", s.ssh.port()) && sftp.PasswordAuthentication(kUser, kPassword, "") &&
-              sftp.InitializeSftpSession() && sftp.PutFile(s.file.c_str(), "quen.bin", true);
+    bool ok = sftp.Connect("127.0.0.1", "", s.ssh.port()) &&
+              sftp.PasswordAuthentication(kUser, kPassword, "") && sftp.InitializeSftpSession() &&
+              sftp.PutFile(s.file.c_str(), "quen.bin", true);
     sftp.Disconnect();
     finish(state, ok, s.ssh.home() + "/quen.bin");
   }

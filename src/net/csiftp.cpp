@@ -24,32 +24,44 @@ namespace QuenLibA500 {
 
 namespace {
 
-std::string str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
+std::string str(SAnsiString const& s) {
+  return std::string(s.getString(), s.getLength());
+}
 
-SAnsiString ansi(std::string const& s) { return SAnsiString(s.c_str(), static_cast<unsigned>(s.size())); }
+SAnsiString ansi(std::string const& s) {
+  return SAnsiString(s.c_str(), static_cast<unsigned>(s.size()));
+}
 
 std::string errnoText(int err) {
   char buf[256];
   return ::strerror_r(err, buf, sizeof buf);
 }
 
-std::string lastSocketError() { return errnoText(CSISocket::getLastError()); }
+std::string lastSocketError() {
+  return errnoText(CSISocket::getLastError());
+}
 
-[[noreturn]] void fail(int category, std::string const& text) { throw CSIftpException(category, ansi(text)); }
+[[noreturn]] void fail(int category, std::string const& text) {
+  throw CSIftpException(category, ansi(text));
+}
 
-constexpr char kNoControl[] = "A valid control connection does not exist, please connect to a ftp server first";
+constexpr char kNoControl[] =
+    "A valid control connection does not exist, please connect to a ftp server first";
 
 }  // namespace
 
 // ================================================================ exception
 
-CSIftpException::CSIftpException(int category, SAnsiString const& text) : m_category(category), m_text(text) {}
+CSIftpException::CSIftpException(int category, SAnsiString const& text)
+    : m_category(category), m_text(text) {}
 
 CSIftpException::~CSIftpException() = default;
 
 // ================================================================ life cycle
 
-CSIftp::CSIftp() { CSISocket::initialize(); }
+CSIftp::CSIftp() {
+  CSISocket::initialize();
+}
 
 CSIftp::~CSIftp() {
   try {
@@ -65,6 +77,16 @@ CSIftp::~CSIftp() {
 
 void CSIftp::SetReceiveTimeout(int seconds) noexcept {
   m_receiveTimeout = seconds < 1 ? DEFAULT_RECEIVE_TIMEOUT : seconds;
+  limitSends(m_control);
+  limitSends(m_data);
+}
+
+// A server that stops reading makes a send fail after the time-out instead
+// of blocking without end.
+void CSIftp::limitSends(unsigned int socket) const noexcept {
+  if (socket == INVALID_SOCKET) return;
+  timeval limit{m_receiveTimeout, 0};
+  ::setsockopt(static_cast<int>(socket), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
 void CSIftp::CloseControlConnection() {
@@ -88,7 +110,8 @@ void CSIftp::CloseListenSocket() {
 
 bool CSIftp::Connect(SAnsiString const& host, int port) {
   if (host.isEmpty()) fail(CSIftpException::catArgument, "Please specify a ftp server.");
-  if (m_connected) fail(CSIftpException::catArgument, "Already connected to a server, disconnect first.");
+  if (m_connected)
+    fail(CSIftpException::catArgument, "Already connected to a server, disconnect first.");
   int const usePort = port > 0 ? port : m_port;
   unsigned int s = INVALID_SOCKET;
   unsigned short family = 0;
@@ -96,7 +119,8 @@ bool CSIftp::Connect(SAnsiString const& host, int port) {
   int const rc = CSISocket::connectMulti(host, static_cast<unsigned short>(usePort), s, family);
   int const err = errno;
   if (rc != 0 || s == INVALID_SOCKET) {
-    std::string const why = rc != 0 ? str(CSISocket::getErrorStr(rc)) : errnoText(err ? err : ECONNREFUSED);
+    std::string const why =
+        rc != 0 ? str(CSISocket::getErrorStr(rc)) : errnoText(err ? err : ECONNREFUSED);
     fail(CSIftpException::catSocket, "Failed to connect to ftp server: " + why);
   }
   QL_TRACE(SLogger::tl_L, "connected to %s port %d", host, usePort);
@@ -104,10 +128,12 @@ bool CSIftp::Connect(SAnsiString const& host, int port) {
 }
 
 bool CSIftp::AttachControlConnection(unsigned int socket, unsigned short family) {
-  if (m_connected) fail(CSIftpException::catArgument, "Already connected to a server, disconnect first.");
+  if (m_connected)
+    fail(CSIftpException::catArgument, "Already connected to a server, disconnect first.");
   CloseControlConnection();
   m_control = socket;
   m_family = family;
+  limitSends(m_control);
   return readGreeting();
 }
 
@@ -127,7 +153,8 @@ void CSIftp::requireConnection() const {
   if (!m_connected || m_control == INVALID_SOCKET) fail(CSIftpException::catArgument, kNoControl);
 }
 
-bool CSIftp::Login(SAnsiString const& user, SAnsiString const& password, SAnsiString const& account) {
+bool CSIftp::Login(SAnsiString const& user, SAnsiString const& password,
+                   SAnsiString const& account) {
   if (user.isEmpty() || password.isEmpty())
     fail(CSIftpException::catArgument, "Please specify user name and password");
   requireConnection();
@@ -168,7 +195,9 @@ bool CSIftp::Disconnect() {
   return true;
 }
 
-bool CSIftp::CheckAliveness() { return simpleCommand("NOOP", SAnsiString(), 200); }
+bool CSIftp::CheckAliveness() {
+  return simpleCommand("NOOP", SAnsiString(), 200);
+}
 
 // ================================================================ commands and replies
 
@@ -178,7 +207,8 @@ void CSIftp::SendControlMsg(SAnsiString const& command, SAnsiString const& argum
          "A valid control connection do not exist, try to connect to a ftp server first");
   SSimpleBuffer line;
   unsigned const size = command.getLength() + argument.getLength() + 3;
-  line.append(reinterpret_cast<unsigned char const*>(command.getString()), command.getLength(), size);
+  line.append(reinterpret_cast<unsigned char const*>(command.getString()), command.getLength(),
+              size);
   if (!argument.isEmpty()) {
     line.append(static_cast<unsigned char>(' '));
     line.append(reinterpret_cast<unsigned char const*>(argument.getString()), argument.getLength());
@@ -187,10 +217,11 @@ void CSIftp::SendControlMsg(SAnsiString const& command, SAnsiString const& argum
   bool const secret = str(command) == "PASS";
   QL_TRACE(SLogger::tl_L, "ftp command: %s %s", command, secret ? SAnsiString("****") : argument);
   int const length = static_cast<int>(line.getNBytes());
-  int const sent = CSISocket::send(m_control, reinterpret_cast<char const*>(static_cast<unsigned char const*>(line)),
-                                   length, 0);
+  int const sent = CSISocket::send(
+      m_control, reinterpret_cast<char const*>(static_cast<unsigned char const*>(line)), length, 0);
   if (sent != length)
-    fail(CSIftpException::catSocket, "Failed to send command: " + (sent < 0 ? lastSocketError() : "short send"));
+    fail(CSIftpException::catSocket,
+         "Failed to send command: " + (sent < 0 ? lastSocketError() : "short send"));
 }
 
 bool CSIftp::simpleCommand(char const* command, SAnsiString const& argument, int ok1, int ok2) {
@@ -204,7 +235,8 @@ void CSIftp::CheckReceiveTimeout(unsigned int socket) {
   int const ready = CSISocket::isReadable(socket, m_receiveTimeout);
   if (ready == 0) fail(CSIftpException::catSocket, "Timed out reading data from FTP server.");
   if (ready < 0)
-    fail(CSIftpException::catSocket, "Communication error while reading data from FTP server: " + lastSocketError());
+    fail(CSIftpException::catSocket,
+         "Communication error while reading data from FTP server: " + lastSocketError());
 }
 
 // Refills the control connection's buffer: the bytes read, 0 when the
@@ -218,7 +250,9 @@ int CSIftp::fillLineBuffer() {
   do {
     n = CSISocket::recv(m_control, m_pending, static_cast<int>(sizeof m_pending), 0);
   } while (n < 0 && CSISocket::getLastError() == EINTR);
-  if (n < 0) fail(CSIftpException::catSocket, "Failed to read reply from control connection: " + lastSocketError());
+  if (n < 0)
+    fail(CSIftpException::catSocket,
+         "Failed to read reply from control connection: " + lastSocketError());
   m_pendingStart = 0;
   m_pendingEnd = static_cast<unsigned>(n);
   return n;
@@ -254,7 +288,8 @@ int CSIftp::GetReply(SAnsiString& reply) {
   if (!GetLine(line)) {
     QL_TRACE_ERROR("Failed to get replay from ftp server");
     CloseControlConnection();
-    fail(CSIftpException::catSocket, "Failed to read reply from control connection: the server closed the connection");
+    fail(CSIftpException::catSocket,
+         "Failed to read reply from control connection: the server closed the connection");
   }
   std::string first = str(line);
   std::string text = first;
@@ -278,8 +313,10 @@ int CSIftp::GetReply(SAnsiString& reply) {
 // ================================================================ directories
 
 SAnsiString CSIftp::remotePath(SAnsiString const& path) const {
-  SSimpleBuffer const bytes = MBCSCodesetConverter::TToExplicitCodeset(ansi(UnifyRemoteSlashes(path)), m_serverCodeset);
-  return SAnsiString(reinterpret_cast<char const*>(static_cast<unsigned char const*>(bytes)), bytes.getNBytes());
+  SSimpleBuffer const bytes =
+      MBCSCodesetConverter::TToExplicitCodeset(ansi(UnifyRemoteSlashes(path)), m_serverCodeset);
+  return SAnsiString(reinterpret_cast<char const*>(static_cast<unsigned char const*>(bytes)),
+                     bytes.getNBytes());
 }
 
 bool CSIftp::ChangeWorkingDir(SAnsiString const& dir) {
@@ -299,7 +336,9 @@ SAnsiString CSIftp::GetWorkingDir() {
   return MBCSCodesetConverter::ExplicitCodesetToT(bytes.c_str(), m_serverCodeset);
 }
 
-bool CSIftp::ChangeToParentDir() { return simpleCommand("CDUP", SAnsiString(), 200, 250); }
+bool CSIftp::ChangeToParentDir() {
+  return simpleCommand("CDUP", SAnsiString(), 200, 250);
+}
 
 bool CSIftp::CreateDir(SAnsiString const& dir) {
   if (dir.isEmpty()) fail(CSIftpException::catArgument, "Please specify a directory name");
@@ -335,7 +374,8 @@ bool CSIftp::CheckDirExist(SAnsiString const& path, bool stayInside) {
   SendControlMsg("CWD", remotePath(path));
   int const code = GetReply(reply);
   if (code == 550) return false;
-  if (code != 250) fail(CSIftpException::catReply, "Unexpected return code from ftp: " + str(reply));
+  if (code != 250)
+    fail(CSIftpException::catReply, "Unexpected return code from ftp: " + str(reply));
   if (!stayInside && !previous.isEmpty()) ChangeWorkingDir(previous);
   return true;
 }
@@ -370,8 +410,8 @@ SAnsiString CSIftp::GetLocalWorkingDir() {
   try {
     return SFileSys::getCurrentDirectory();
   } catch (SFileException const& e) {
-    fail(CSIftpException::catLocalDir, std::string("Failed to get current working directory on local machine: ") +
-                                           e.what());
+    fail(CSIftpException::catLocalDir,
+         std::string("Failed to get current working directory on local machine: ") + e.what());
   }
 }
 
@@ -391,7 +431,8 @@ void CSIftp::InitializeListenSocket() {
     fail(CSIftpException::catSocket, "Failed to bind the listening socket: " + lastSocketError());
   int length = static_cast<int>(sizeof local);
   if (CSISocket::getsockname(m_listen, &sa, &length) != 0)
-    fail(CSIftpException::catSocket, "Failed to get the listening socket name: " + lastSocketError());
+    fail(CSIftpException::catSocket,
+         "Failed to get the listening socket name: " + lastSocketError());
   announceListenSocket(CSISocket::getPort(sa));
 }
 
@@ -402,46 +443,55 @@ void CSIftp::announceListenSocket(unsigned short listenPort) {
   auto& sa = reinterpret_cast<sockaddr&>(control);
   int length = static_cast<int>(sizeof control);
   if (CSISocket::getsockname(m_control, &sa, &length) != 0)
-    fail(CSIftpException::catSocket, "Failed to get the name for control connection socket: " + lastSocketError());
+    fail(CSIftpException::catSocket,
+         "Failed to get the name for control connection socket: " + lastSocketError());
   char text[128] = {};
   if (m_family == AF_INET) {
-    auto const* b = reinterpret_cast<unsigned char const*>(&reinterpret_cast<sockaddr_in&>(control).sin_addr);
-    std::snprintf(text, sizeof text, "%d,%d,%d,%d,%d,%d", b[0], b[1], b[2], b[3], listenPort >> 8, listenPort & 0xff);
+    auto const* b =
+        reinterpret_cast<unsigned char const*>(&reinterpret_cast<sockaddr_in&>(control).sin_addr);
+    std::snprintf(text, sizeof text, "%d,%d,%d,%d,%d,%d", b[0], b[1], b[2], b[3], listenPort >> 8,
+                  listenPort & 0xff);
     SendControlMsg("PORT", text);
   } else if (m_family == AF_INET6) {
     // No closing "|": the form servers have always accepted from us.
-    std::snprintf(text, sizeof text, "|2|%s|%d", CSISocket::getipstring(sa).getString(), listenPort);
+    std::snprintf(text, sizeof text, "|2|%s|%d", CSISocket::getipstring(sa).getString(),
+                  listenPort);
     SendControlMsg("EPRT", text);
   } else {
-    QL_REPORT("0", ("Programmer error invalid family passed in: " + std::to_string(m_family)).c_str());
+    QL_REPORT("0",
+              ("Programmer error invalid family passed in: " + std::to_string(m_family)).c_str());
   }
   if (CSISocket::listen(m_listen, 1) != 0)
-    fail(CSIftpException::catSocket, "Failed while listening for an incoming data connection: " + lastSocketError());
+    fail(CSIftpException::catSocket,
+         "Failed while listening for an incoming data connection: " + lastSocketError());
   SAnsiString reply;
   if (GetReply(reply) != 200) fail(CSIftpException::catReply, str(reply));
 }
 
 int CSIftp::AcceptConnection() {
   if (m_listen == INVALID_SOCKET)
-    fail(CSIftpException::catConnection, "No valid data connection exist, try to disconnect and connect again");
+    fail(CSIftpException::catConnection,
+         "No valid data connection exist, try to disconnect and connect again");
   CheckReceiveTimeout(m_listen);
   m_data = CSISocket::accept(m_listen, nullptr, nullptr);
   if (m_data == INVALID_SOCKET)
-    fail(CSIftpException::catSocket, "Failed to accept a data connection from the ftp server: " + lastSocketError());
+    fail(CSIftpException::catSocket,
+         "Failed to accept a data connection from the ftp server: " + lastSocketError());
   CloseListenSocket();
-  // A server that stops reading makes a send fail after the time-out.
-  timeval limit{m_receiveTimeout, 0};
-  ::setsockopt(static_cast<int>(m_data), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  limitSends(m_data);
   return static_cast<int>(m_data);
 }
 
 void CSIftp::SendDataMsg(char const* data, unsigned int length) {
   if (m_data == INVALID_SOCKET)
-    fail(CSIftpException::catConnection, "No valid data connection exist, try to reconnect to a ftp server");
+    fail(CSIftpException::catConnection,
+         "No valid data connection exist, try to reconnect to a ftp server");
   while (length > 0) {
     int const sent = CSISocket::send(m_data, data, static_cast<int>(length), 0);
     if (sent < 0 && CSISocket::getLastError() == EINTR) continue;
-    if (sent <= 0) fail(CSIftpException::catSocket, "Failed to send file through data connection, " + lastSocketError());
+    if (sent <= 0)
+      fail(CSIftpException::catSocket,
+           "Failed to send file through data connection, " + lastSocketError());
     data += sent;
     length -= static_cast<unsigned>(sent);
   }
@@ -456,7 +506,8 @@ bool CSIftp::sendFile(SFile& file, SAnsiString const& localPath) {
     try {
       n = file.read(piece, PIECE_SIZE);
     } catch (SFileException const& e) {
-      fail(CSIftpException::catLocalFile, std::string("Failed to read the file for transfer: ") + e.what());
+      fail(CSIftpException::catLocalFile,
+           std::string("Failed to read the file for transfer: ") + e.what());
     }
     if (n == 0) break;
     SendDataMsg(piece, static_cast<unsigned>(n));
@@ -477,7 +528,8 @@ bool CSIftp::PutFile(SAnsiString const& localPath, SAnsiString const& remote) {
   try {
     file.open(SFileSys::unifyPath(localPath), SFile::modeRead);
   } catch (SFileException const& e) {
-    fail(CSIftpException::catLocalFile, std::string("Failed to open the file for transfer: ") + e.what());
+    fail(CSIftpException::catLocalFile,
+         std::string("Failed to open the file for transfer: ") + e.what());
   }
   try {
     InitializeListenSocket();

@@ -7,6 +7,8 @@
 
 #include "net_support.h"
 
+#include <quenlib/sstring.h>
+
 #include <sys/stat.h>
 
 #include <mutex>
@@ -21,7 +23,8 @@ constexpr char kPassword[] = "Secret-4242";
 constexpr uid_t kUid = 4242;
 // kPassword as SHA-512 crypt.
 constexpr char kPasswordHash[] =
-    "$6$quenlibtest$e.4aj6ZUxUA0yOY37DnnyMe06yHnvJPED5sGGeiwaI63bGMUnfqX5VmZdcLpqREpqZ0qDQSipiZpT1N035BwP/";
+    "$6$quenlibtest$e."
+    "4aj6ZUxUA0yOY37DnnyMe06yHnvJPED5sGGeiwaI63bGMUnfqX5VmZdcLpqREpqZ0qDQSipiZpT1N035BwP/";
 
 // ---- a scripted FTP peer
 
@@ -36,7 +39,9 @@ struct FtpRule {
 class FakeFtp {
  public:
   FakeFtp(int family, std::vector<FtpRule> rules, std::string greeting = "220 fake ready\r\n")
-      : m_rules(std::move(rules)), m_greeting(std::move(greeting)), m_peer(family, [this](int fd) { serve(fd); }) {}
+      : m_rules(std::move(rules)),
+        m_greeting(std::move(greeting)),
+        m_peer(family, [this](int fd) { serve(fd); }) {}
   unsigned short port() const { return m_peer.port(); }
   std::string host() const { return m_peer.host(); }
   std::vector<std::string> commands() {
@@ -93,44 +98,24 @@ class FakeFtp {
 
 // ---- real servers in a private namespace
 
-// A server process in its own process group, mount and PID namespace, with
-// files bind-mounted over system paths inside it only. Killed (with every
-// process of its namespace) when the guard goes.
+// A server run by `start` in its own process group and mount and PID
+// namespaces, in which etc/passwd and etc/shadow of a scratch directory hold
+// the test account (home: home/). Its first process reaps the orphans,
+// which servers do not expect of themselves. Killing the group when the
+// guard goes ends every session process too.
 class NamespacedServer {
  public:
-  NamespacedServer(std::vector<std::string> argv, std::vector<std::pair<std::string, std::string>> binds,
-                   std::string const& outFile, bool privateRun) {
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    m_pid = ::fork();
-    if (m_pid != 0) return;
-    ::setpgid(0, 0);
-    int out = ::open(outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    ::dup2(out, 1), ::dup2(out, 2);
-    if (::unshare(CLONE_NEWNS | CLONE_NEWPID) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-      ::_exit(77);
-    for (auto const& [from, to] : binds)
-      if (::mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) ::_exit(78);
-    if (privateRun && (::mount("tmpfs", "/run", "tmpfs", 0, "mode=755") != 0 || ::mkdir("/run/sshd", 0755) != 0))
-      ::_exit(79);
-    if (::fork() == 0) reap(args);  // the first process of the new PID namespace
-    int status = 0;
-    ::wait(&status);
-    ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
-  }
-  // The namespace's first process adopts orphans, which servers do not
-  // expect of themselves: it runs the server as its child and reaps every
-  // process until the server ends.
-  [[noreturn]] static void reap(std::vector<char*> const& args) {
-    pid_t const server = ::fork();
-    if (server == 0) {
-      ::execv(args[0], args.data());
-      ::_exit(127);
-    }
-    int status = 0;
-    for (pid_t p = 0; p != server;) p = ::wait(&status);
-    ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
+  explicit NamespacedServer(int family) : m_family(family), m_port(closedPort(family)) {
+    ::chmod(m_dir.path().c_str(), 0755);
+    for (char const* d : {"etc", "empty", "home"}) std::filesystem::create_directories(m_dir / d);
+    if (::chown(home().c_str(), kUid, kUid) != 0)
+      m_problem = "cannot hand the home directory to the test account";
+    std::ofstream passwd(m_dir / "etc/passwd"), shadow(m_dir / "etc/shadow");
+    passwd << "root:x:0:0::/root:/bin/sh\nnobody:x:65534:65534::/:/bin/false\nsshd:x:103:65534::/"
+              "run/sshd:/bin/false\n"
+           << kUser << ":x:" << kUid << ":" << kUid << "::" << home() << ":/bin/sh\n";
+    shadow << "root:*:19000::::::\nnobody:*:19000::::::\nsshd:*:19000::::::\n"
+           << kUser << ":" << kPasswordHash << ":19000::::::\n";
   }
   ~NamespacedServer() {
     if (m_pid <= 0) return;
@@ -139,6 +124,68 @@ class NamespacedServer {
   }
   NamespacedServer(NamespacedServer const&) = delete;
   NamespacedServer& operator=(NamespacedServer const&) = delete;
+  // Why the server is not there, empty when it is.
+  std::string const& problem() const { return m_problem; }
+  unsigned short port() const { return m_port; }
+  std::string host() const { return m_family == AF_INET ? "127.0.0.1" : "::1"; }
+  std::string home() const { return m_dir / "home"; }
+  std::string path(std::string const& name) const { return m_dir / name; }
+  std::string log() const { return readFile(path("server.out")); }
+
+ protected:
+  void setProblem(std::string const& why) { m_problem = why; }
+  // Starts argv[0] with `binds` (from, to) mounted, and waits until it listens.
+  void start(std::vector<std::string> argv, std::vector<std::pair<std::string, std::string>> binds,
+             bool privateRun) {
+    if (!m_problem.empty()) return;
+    if (!std::filesystem::exists(argv[0])) {
+      m_problem = argv[0] + " is not installed (scripts/packages/net.txt)";
+      return;
+    }
+    binds.emplace_back(path("etc/passwd"), "/etc/passwd");
+    binds.emplace_back(path("etc/shadow"), "/etc/shadow");
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    std::string const out = path("server.out");
+    if ((m_pid = ::fork()) == 0) enter(args, binds, out, privateRun);
+    bool const up = eventually([&] { return ended() != -1 || accepting(); });
+    int const status = ended();
+    if (status == 77)
+      m_problem = "no private mount/PID namespace could be made here";
+    else if (status != -1)
+      m_problem = "the server ended with status " + std::to_string(status) + ": " + log();
+    else if (!up)
+      m_problem = "the server did not listen in time";
+  }
+
+ private:
+  [[noreturn]] static void enter(std::vector<char*> const& args,
+                                 std::vector<std::pair<std::string, std::string>> const& binds,
+                                 std::string const& out, bool privateRun) {
+    ::setpgid(0, 0);
+    int const fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ::dup2(fd, 1), ::dup2(fd, 2);
+    if (::unshare(CLONE_NEWNS | CLONE_NEWPID) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+      ::_exit(77);
+    for (auto const& [from, to] : binds)
+      if (::mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) ::_exit(78);
+    if (privateRun &&
+        (::mount("tmpfs", "/run", "tmpfs", 0, "mode=755") != 0 || ::mkdir("/run/sshd", 0755) != 0))
+      ::_exit(79);
+    pid_t const first = ::fork();  // pid 1 of the new namespace
+    if (first == 0) {
+      pid_t const server = ::fork();
+      if (server == 0) ::execv(args[0], args.data()), ::_exit(127);
+      int status = 0;
+      for (pid_t p = 0; p != server;) p = ::wait(&status);
+      ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
+    }
+    int status = 0;
+    ::waitpid(first, &status, 0);
+    ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
+  }
   // The exit status when the server has already ended, else -1.
   int ended() {
     int status = 0;
@@ -146,140 +193,72 @@ class NamespacedServer {
     m_pid = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
   }
+  bool accepting() const {
+    int s = ::socket(m_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_storage a = loopback(m_family, m_port);
+    bool const ok = ::connect(s, reinterpret_cast<sockaddr*>(&a), lengthOf(m_family)) == 0;
+    ::close(s);
+    return ok;
+  }
 
- private:
+  ScratchDir m_dir;
+  int m_family;
+  unsigned short m_port;
+  std::string m_problem;
   pid_t m_pid = -1;
 };
 
-// Accepts a TCP connection on the loopback address of `family`?
-inline bool accepting(int family, unsigned short port) {
-  int s = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_storage a = loopback(family, port);
-  bool const ok = ::connect(s, reinterpret_cast<sockaddr*>(&a), lengthOf(family)) == 0;
-  ::close(s);
-  return ok;
-}
-
-// A scratch directory with the test account: etc/passwd and etc/shadow
-// (system accounts the servers need, plus quentest whose home is home/),
-// and the empty directory vsftpd's unprivileged process is kept in.
-class TestAccount {
+// vsftpd in the foreground on a free loopback port of `family`, active
+// mode only, local logins of the test account (PAM: pam_unix only).
+class Vsftpd : public NamespacedServer {
  public:
-  TestAccount() {
-    ::chmod(m_dir.path().c_str(), 0755);
-    std::filesystem::create_directories(m_dir / "etc");
-    std::filesystem::create_directories(m_dir / "empty");
-    std::filesystem::create_directories(home());
-    if (::chown(home().c_str(), kUid, kUid) != 0) m_ok = false;
-    std::ofstream passwd(m_dir / "etc/passwd"), shadow(m_dir / "etc/shadow");
-    for (char const* sys : {"root:x:0:0::/root:/bin/sh", "nobody:x:65534:65534::/nonexistent:/usr/sbin/nologin",
-                            "sshd:x:103:65534::/run/sshd:/usr/sbin/nologin"}) {
-      passwd << sys << "\n";
-      shadow << std::string(sys).substr(0, std::string(sys).find(':')) << ":*:19000:0:99999:7:::\n";
-    }
-    passwd << kUser << ":x:" << kUid << ":" << kUid << "::" << home() << ":/bin/sh\n";
-    shadow << kUser << ":" << kPasswordHash << ":19000:0:99999:7:::\n";
-    std::ofstream(m_dir / "etc/pam") << "auth required pam_unix.so\naccount required pam_unix.so\n"
-                                        "session required pam_permit.so\n";
+  explicit Vsftpd(int family) : NamespacedServer(family) {
+    std::ofstream(path("pam")) << "auth required pam_unix.so\naccount required pam_unix.so\n";
+    std::ofstream(path("vsftpd.conf"))
+        << (family == AF_INET ? "listen=YES\nlisten_address=127.0.0.1\n"
+                              : "listen_ipv6=YES\nlisten_address6=::1\n")
+        << "listen_port=" << port()
+        << "\nbackground=NO\nanonymous_enable=NO\nlocal_enable=YES\nwrite_enable=YES\n"
+        << "pam_service_name=vsftpd\nnopriv_user=nobody\nsecure_chroot_dir=" << path("empty")
+        << "\nconnect_from_port_20=NO\npasv_enable=NO\nseccomp_sandbox=NO\n";
+    start({"/usr/sbin/vsftpd", path("vsftpd.conf")}, {{path("pam"), "/etc/pam.d/vsftpd"}}, false);
   }
-  bool ok() const { return m_ok && !m_dir.path().empty(); }
-  std::string home() const { return m_dir / "home"; }
-  std::string path(std::string const& name) const { return m_dir / name; }
-  std::vector<std::pair<std::string, std::string>> accountBinds() const {
-    return {{m_dir / "etc/passwd", "/etc/passwd"}, {m_dir / "etc/shadow", "/etc/shadow"}};
-  }
-
- private:
-  ScratchDir m_dir;
-  bool m_ok = true;
-};
-
-// Waits until the server accepts connections; false (with the reason in
-// `why`) when it ended or the deadline passed.
-inline bool waitListening(NamespacedServer& server, int family, unsigned short port, std::string& why) {
-  bool const up = eventually([&] { return server.ended() == -1 ? accepting(family, port) : true; });
-  int const status = server.ended();
-  if (status == 77) why = "no private mount/PID namespace could be made here";
-  else if (status != -1) why = "the server ended with status " + std::to_string(status);
-  else if (!up) why = "the server did not listen in time";
-  return why.empty() && up;
-}
-
-// vsftpd in the foreground on a free port of the loopback address of
-// `family`, active mode only, local logins of the test account.
-class Vsftpd {
- public:
-  explicit Vsftpd(int family) : m_family(family), m_port(closedPort(family)) {
-    if (!std::filesystem::exists("/usr/sbin/vsftpd")) {
-      m_skip = "vsftpd is not installed (scripts/packages/net.txt)";
-      return;
-    }
-    std::ofstream conf(m_account.path("vsftpd.conf"));
-    conf << (family == AF_INET ? "listen=YES\nlisten_address=127.0.0.1\n" : "listen_ipv6=YES\nlisten_address6=::1\n")
-         << "listen_port=" << m_port << "\nbackground=NO\nanonymous_enable=NO\nlocal_enable=YES\n"
-         << "write_enable=YES\nlocal_umask=022\npam_service_name=vsftpd\nnopriv_user=nobody\n"
-         << "secure_chroot_dir=" << m_account.path("empty") << "\nconnect_from_port_20=NO\npasv_enable=NO\n"
-         << "seccomp_sandbox=NO\nxferlog_enable=NO\nuse_localtime=NO\n";
-    conf.close();
-    auto binds = m_account.accountBinds();
-    binds.emplace_back(m_account.path("etc/pam"), "/etc/pam.d/vsftpd");
-    m_server = std::make_unique<NamespacedServer>(
-        std::vector<std::string>{"/usr/sbin/vsftpd", m_account.path("vsftpd.conf")}, binds,
-        m_account.path("vsftpd.out"), false);
-    waitListening(*m_server, family, m_port, m_skip);
-  }
-  // Why the server is not there, empty when it is.
-  std::string const& problem() const { return m_skip; }
-  std::string host() const { return m_family == AF_INET ? "127.0.0.1" : "::1"; }
-  unsigned short port() const { return m_port; }
-  std::string home() const { return m_account.home(); }
-  // What the server wrote, for failure messages.
-  std::string log() const { return readFile(m_account.path("vsftpd.out")); }
-
- private:
-  int m_family;
-  TestAccount m_account;
-  unsigned short m_port;
-  std::string m_skip;
-  std::unique_ptr<NamespacedServer> m_server;
 };
 
 // sshd -D on a free IPv4 loopback port with its own ed25519 host key,
 // password logins of the test account and the internal SFTP server.
-class Sshd {
+class Sshd : public NamespacedServer {
  public:
-  Sshd() : m_port(closedPort(AF_INET)) {
-    if (!std::filesystem::exists("/usr/sbin/sshd") || !std::filesystem::exists("/usr/bin/ssh-keygen")) {
-      m_skip = "sshd or ssh-keygen is not installed (scripts/packages/net.txt)";
-      return;
-    }
-    Child keygen({"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", hostKey()}, m_account.path("keygen.out"));
+  Sshd() : NamespacedServer(AF_INET) {
+    Child keygen({"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", hostKey()},
+                 path("keygen.out"));
     if (keygen.wait() != 0) {
-      m_skip = "ssh-keygen failed";
+      setProblem("ssh-keygen failed: " + readFile(path("keygen.out")));
       return;
     }
-    std::ofstream(m_account.path("sshd.conf"))
-        << "Port " << m_port << "\nListenAddress 127.0.0.1\nHostKey " << hostKey()
-        << "\nPasswordAuthentication yes\nKbdInteractiveAuthentication no\nPubkeyAuthentication no\n"
-        << "UsePAM no\nPermitRootLogin no\nPidFile none\nStrictModes no\nLogLevel ERROR\n"
-        << "Subsystem sftp internal-sftp\n";
-    m_server = std::make_unique<NamespacedServer>(
-        std::vector<std::string>{"/usr/sbin/sshd", "-D", "-e", "-f", m_account.path("sshd.conf")},
-        m_account.accountBinds(), m_account.path("sshd.out"), true);
-    waitListening(*m_server, AF_INET, m_port, m_skip);
+    std::ofstream(path("sshd.conf"))
+        << "Port " << port() << "\nListenAddress 127.0.0.1\nHostKey " << hostKey()
+        << "\nPasswordAuthentication yes\nKbdInteractiveAuthentication no\nUsePAM no\n"
+        << "PidFile none\nStrictModes no\nSubsystem sftp internal-sftp\n";
+    start({"/usr/sbin/sshd", "-D", "-e", "-f", path("sshd.conf")}, {}, true);
   }
-  std::string const& problem() const { return m_skip; }
-  unsigned short port() const { return m_port; }
-  std::string home() const { return m_account.home(); }
-  std::string hostKey() const { return m_account.path("hostkey"); }
-  std::string path(std::string const& name) const { return m_account.path(name); }
-
- private:
-  TestAccount m_account;
-  unsigned short m_port;
-  std::string m_skip;
-  std::unique_ptr<NamespacedServer> m_server;
+  std::string hostKey() const { return path("hostkey"); }
 };
+
+// The category and text of the exception `fn` throws; -1 when none.
+template <class Exception>
+std::pair<int, std::string> thrown(std::function<void()> const& fn) {
+  try {
+    fn();
+  } catch (Exception const& e) {
+    return {e.getCategory(), e.what()};
+  }
+  return {-1, ""};
+}
+
+inline std::string str(QuenLibA500::SAnsiString const& s) {
+  return std::string(s.getString(), s.getLength());
+}
 
 #ifdef QUENLIB_BINARY_DIR
 // Runs the built quen with `args` (and `env` assignments before it): exit
@@ -304,7 +283,8 @@ inline std::string pattern(size_t n) {
 }
 
 inline void writeFile(std::string const& path, std::string const& data) {
-  std::ofstream(path, std::ios::binary).write(data.data(), static_cast<std::streamsize>(data.size()));
+  std::ofstream(path, std::ios::binary)
+      .write(data.data(), static_cast<std::streamsize>(data.size()));
 }
 
 }  // namespace ftptest

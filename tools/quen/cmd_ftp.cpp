@@ -52,7 +52,8 @@ void run(Options const& o, Action const& action) {
     CSIftp ftp;
     ftp.SetReceiveTimeout(o.timeout);
     ftp.Connect(url.host.c_str(), url.port > 0 ? url.port : CSIftp::DEFAULT_PORT);
-    if (!ftp.Login(url.user.c_str(), password.c_str(), o.account.c_str())) throw QuenExit{1, "login refused"};
+    if (!ftp.Login(url.user.c_str(), password.c_str(), o.account.c_str()))
+      throw QuenExit{1, "login refused"};
     bool const ok = action(ftp, url);
     ftp.Disconnect();
     if (!ok) throw QuenExit{1, "the server refused the request"};
@@ -66,7 +67,8 @@ void requirePath(RemoteUrl const& url) {
 }
 
 void setupFtp(CLI::App& app) {
-  auto* ftp = app.add_subcommand("ftp", "Upload files and create paths on an FTP server (active mode)");
+  auto* ftp =
+      app.add_subcommand("ftp", "Upload files and create paths on an FTP server (active mode)");
   ftp->require_subcommand(1);
   ftp->footer(kUsage);
   auto opts = std::make_shared<Options>();
@@ -82,19 +84,24 @@ void setupFtp(CLI::App& app) {
   put->callback([opts] {
     run(*opts, [&](CSIftp& c, RemoteUrl const& url) {
       requirePath(url);
-      std::string const remote = url.path.back() == '/' ? url.path + baseName(opts->file) : url.path;
+      std::string const remote =
+          url.path.back() == '/' ? url.path + baseName(opts->file) : url.path;
       return c.PutFile(opts->file.c_str(), remote.c_str());
     });
   });
   auto* mkdirs = ftp->add_subcommand("mkdirs", "Create every missing directory of PATH");
   common(mkdirs);
   mkdirs->callback([opts] {
-    run(*opts, [](CSIftp& c, RemoteUrl const& url) { return requirePath(url), c.CreateDirs(url.path.c_str()); });
+    run(*opts, [](CSIftp& c, RemoteUrl const& url) {
+      return requirePath(url), c.CreateDirs(url.path.c_str());
+    });
   });
   auto* rm = ftp->add_subcommand("rm", "Delete the file PATH");
   common(rm);
   rm->callback([opts] {
-    run(*opts, [](CSIftp& c, RemoteUrl const& url) { return requirePath(url), c.RemoveFile(url.path.c_str()); });
+    run(*opts, [](CSIftp& c, RemoteUrl const& url) {
+      return requirePath(url), c.RemoveFile(url.path.c_str());
+    });
   });
   auto* pwd = ftp->add_subcommand("pwd", "Print the login directory");
   common(pwd);

@@ -60,7 +60,8 @@ void run(Options const& o, Action const& action) {
   try {
     CSIsftp sftp;
     sftp.SetTimeout(o.timeout);
-    sftp.Connect(url.host.c_str(), o.fingerprint.c_str(), url.port > 0 ? url.port : CSIsftp::DEFAULT_PORT, true);
+    sftp.Connect(url.host.c_str(), o.fingerprint.c_str(),
+                 url.port > 0 ? url.port : CSIsftp::DEFAULT_PORT, true);
     sftp.PasswordAuthentication(url.user.c_str(), password.c_str(), "");
     sftp.InitializeSftpSession();
     action(sftp, url);
@@ -89,18 +90,21 @@ void Fingerprint(Options const& o) {
 long parseMode(std::string const& text) {
   char* end = nullptr;
   long const mode = std::strtol(text.c_str(), &end, 8);
-  if (text.empty() || *end != '\0' || mode <= 0 || mode > 07777) throw QuenExit{2, "not an octal mode: " + text};
+  if (text.empty() || *end != '\0' || mode <= 0 || mode > 07777)
+    throw QuenExit{2, "not an octal mode: " + text};
   return mode;
 }
 
 void setupSftp(CLI::App& app) {
-  auto* sftp = app.add_subcommand("sftp", "Upload files and create paths over SFTP, host key pinned");
+  auto* sftp =
+      app.add_subcommand("sftp", "Upload files and create paths over SFTP, host key pinned");
   sftp->require_subcommand(1);
   sftp->footer(kUsage);
   auto opts = std::make_shared<Options>();
   auto common = [opts](CLI::App* c) {
     c->add_option("url", opts->url, "sftp://USER@HOST[:PORT]/PATH")->required();
-    c->add_option("--fingerprint", opts->fingerprint, "the server's SHA-256 host-key fingerprint (64 hex digits)");
+    c->add_option("--fingerprint", opts->fingerprint,
+                  "the server's SHA-256 host-key fingerprint (64 hex digits)");
     c->add_option("--password-file", opts->passwordFile, "file whose first line is the password");
     c->add_option("--timeout", opts->timeout, "seconds each step may take (default 60)");
   };
@@ -110,7 +114,8 @@ void setupSftp(CLI::App& app) {
   put->add_flag("--exclusive", opts->exclusive, "fail when PATH exists instead of replacing it");
   put->callback([opts] {
     run(*opts, [&](CSIsftp& c, RemoteUrl const& url) {
-      std::string const remote = url.path.back() == '/' ? url.path + baseName(opts->file) : url.path;
+      std::string const remote =
+          url.path.back() == '/' ? url.path + baseName(opts->file) : url.path;
       c.PutFile(opts->file.c_str(), remote.c_str(), !opts->exclusive);
     });
   });

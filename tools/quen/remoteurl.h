@@ -48,6 +48,7 @@ inline std::string ReadPassword(std::string const& file, char const* variable) {
     return line;
   }
   char const* env = std::getenv(variable);
-  if (!env || !*env) throw QuenExit{2, std::string("no password: give --password-file or set ") + variable};
+  if (!env || !*env)
+    throw QuenExit{2, std::string("no password: give --password-file or set ") + variable};
   return env;
 }

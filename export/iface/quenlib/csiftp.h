@@ -126,11 +126,14 @@ class QUENLIB_API CSIftp {
   bool Connected() const noexcept { return m_connected; }
   void SetPortA(int port) noexcept { m_port = port; }
   int GetPort() const noexcept { return m_port; }
-  // Seconds every read waits; below 1 means the default.
+  // Seconds every read, and every send that finds no room, waits; below 1
+  // means the default.
   void SetReceiveTimeout(int seconds) noexcept;
   int GetReceiveTimeout() const noexcept { return m_receiveTimeout; }
   void SetServerCodeset(MBCSCodesetConverter::ExplicitCodeset cs) noexcept { m_serverCodeset = cs; }
-  MBCSCodesetConverter::ExplicitCodeset GetServerCodeset() const noexcept { return m_serverCodeset; }
+  MBCSCodesetConverter::ExplicitCodeset GetServerCodeset() const noexcept {
+    return m_serverCodeset;
+  }
 
   // ---- the protocol layer the operations are built on
 
@@ -152,6 +155,7 @@ class QUENLIB_API CSIftp {
 
  private:
   bool readGreeting();
+  void limitSends(unsigned int socket) const noexcept;
   void requireConnection() const;
   bool simpleCommand(char const* command, SAnsiString const& argument, int ok1, int ok2 = -1);
   bool GetLine(SAnsiString& line);

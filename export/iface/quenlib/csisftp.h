@@ -49,13 +49,13 @@ class QUENLIB_API CSIsftpException : public std::exception {
  public:
   // The category numbers as thrown; stored by callers, so they never change.
   enum Category {
-    catArgument = 0,  // a missing argument or a missing connection
-    catState = 1,     // already connected
-    catSession = 2,   // SSH session, host key, login or SFTP start-up failed
-    catSocket = 3,    // the TCP connection could not be made
-    catLocalFile = 4, // the local file cannot be opened or read
-    catRemote = 5,    // a remote directory or file operation failed
-    catLibrary = 6,   // libssh2 could not be initialised
+    catArgument = 0,   // a missing argument or a missing connection
+    catState = 1,      // already connected
+    catSession = 2,    // SSH session, host key, login or SFTP start-up failed
+    catSocket = 3,     // the TCP connection could not be made
+    catLocalFile = 4,  // the local file cannot be opened or read
+    catRemote = 5,     // a remote directory or file operation failed
+    catLibrary = 6,    // libssh2 could not be initialised
   };
 
   CSIsftpException(int category, SAnsiString const& text);
@@ -99,9 +99,11 @@ class QUENLIB_API CSIsftp {
                bool requireFingerprint = false);
   // AUTH_PASSWORD runs PasswordAuthentication (1 on success); any other
   // method gives -1. `extra` is passed on.
-  int authenticateUser(int method, SAnsiString const& user, SAnsiString const& password, SAnsiString const& extra);
+  int authenticateUser(int method, SAnsiString const& user, SAnsiString const& password,
+                       SAnsiString const& extra);
   // Password login; `reserved` is not used.
-  bool PasswordAuthentication(SAnsiString const& user, SAnsiString const& password, SAnsiString const& reserved);
+  bool PasswordAuthentication(SAnsiString const& user, SAnsiString const& password,
+                              SAnsiString const& reserved);
   // Starts the SFTP subsystem; needed before the file operations.
   bool InitializeSftpSession();
 
