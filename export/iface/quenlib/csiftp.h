@@ -10,8 +10,8 @@
 //   try {
 //     CSIftp ftp;
 //     ftp.Connect("ftp.example.org", 21);
-//     if (!ftp.Login("upload", password, "")) return false;  // a refused
-//     ftp.CreateDirs("/incoming/2024/05");                   // login throws
+//     if (!ftp.Login("upload", password, "")) return false;  // 530 throws
+//     ftp.CreateDirs("/incoming/2024/05");
 //     ftp.PutFile("/var/spool/report.pdf", "/incoming/2024/05/report.pdf");
 //     ftp.Disconnect();
 //   } catch (CSIftpException const& e) {
