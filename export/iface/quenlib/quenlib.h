@@ -83,10 +83,12 @@
 #include <quenlib/spasswordscrambler.h>
 
 // Network clients: sockets and TCP connections with TLS, SOCKS server
-// settings and socks URIs, the SMTP client.
+// settings and socks URIs, the SMTP, FTP and SFTP clients.
 #include <quenlib/csisocket.h>
 #include <quenlib/csitcpsocket.h>
 #include <quenlib/csismtpmail.h>
+#include <quenlib/csiftp.h>
+#include <quenlib/csisftp.h>
 #include <quenlib/sockshelpers.h>
 #include <registrykeys/registrysocksserver.h>
 
