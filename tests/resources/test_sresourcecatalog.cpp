@@ -92,3 +92,17 @@ TEST(ResourceFill, ReplacesNumberedPlaceholders) {
   EXPECT_EQ(str(SResourceCatalog::Fill("%1 von %2 Dateien", {"3", "10"})), "3 von 10 Dateien");
   EXPECT_EQ(str(SResourceCatalog::Fill("%2%1 %3 100%% %", {"a", "b"})), "ba %3 100% %");
 }
+
+using QuenLang = quentest::QuenTest;
+
+TEST_F(QuenLang, ListsAndShows) {
+  auto r = quentest::RunQuen("lang list '" + kCatalogs + "'");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("de_CH    Deutsch (Schweiz)"), std::string::npos) << r.out;
+  r = quentest::RunQuen("lang show '" + kCatalogs + "' de_CH STREET");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "Strasse\n");
+  r = quentest::RunQuen("lang show '" + kCatalogs + "' de NO_SUCH_ID");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "quen: no string NO_SUCH_ID for de\n");
+}

@@ -151,3 +151,18 @@ TEST(SIUri, AgreesWithPythonUrllib) {
   EXPECT_EQ(parsed, 300);
   EXPECT_EQ(joined, 300);
 }
+
+using QuenUri = quentest::QuenTest;
+
+TEST_F(QuenUri, ResolvesAndParses) {
+  auto r = quentest::RunQuen("uri resolve 'http://a/b/c/d;p?q' '../../g'");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "http://a/g\n");
+  r = quentest::RunQuen("uri parse 'http://[::1]:80/p?'");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("host:     \"::1\""), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("query:    \"\""), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("fragment: (none)"), std::string::npos) << r.out;
+  EXPECT_EQ(quentest::RunQuen("uri parse 'a b'").status, 1);
+  EXPECT_EQ(quentest::RunQuen("uri resolve relative g").status, 1);
+}
