@@ -48,6 +48,49 @@ bool ToText(UriUriA const* uri, std::string& out) {
   return true;
 }
 
+// Removing dot segments can leave a path that reads back differently: one
+// beginning with "//" where there is no authority ("s:/.//p" would become
+// "s://p"), or a relative path whose first segment holds a ":" ("a/../b:c"
+// would become "b:c"). "/." or "./" in front keeps the path what it is (the
+// remedies RFC 3986 sections 4.2 and 5.2.4 give).
+void KeepPathAPath(std::string& text, bool hasScheme, bool hasAuthority) {
+  if (hasAuthority) return;
+  size_t pos = hasScheme ? text.find(':') + 1 : 0;
+  if (text.compare(pos, 2, "//") == 0) {
+    text.insert(pos, "/.");
+    return;
+  }
+  if (hasScheme) return;
+  size_t end = text.find_first_of("/?#");
+  if (text.substr(0, end).find(':') != std::string::npos) text.insert(0, "./");
+}
+
+// RFC 3986 5.2.4 on an absolute path (or one under an authority or a
+// scheme).
+std::string RemoveDotSegments(std::string in) {
+  std::string out;
+  while (!in.empty()) {
+    if (in.compare(0, 3, "../") == 0) {
+      in.erase(0, 3);
+    } else if (in.compare(0, 2, "./") == 0 || in.compare(0, 3, "/./") == 0) {
+      in.erase(0, 2);
+    } else if (in == "/.") {
+      in = "/";
+    } else if (in.compare(0, 4, "/../") == 0 || in == "/..") {
+      in = in == "/.." ? "/" : in.substr(3);
+      size_t cut = out.rfind('/');
+      out.erase(cut == std::string::npos ? 0 : cut);
+    } else if (in == "." || in == "..") {
+      in.clear();
+    } else {
+      size_t next = in.find('/', 1);
+      out += in.substr(0, next);
+      in.erase(0, next == std::string::npos ? in.size() : next);
+    }
+  }
+  return out;
+}
+
 struct UriFreer {
   void operator()(UriUriA* u) const { uriFreeUriMembersA(u); }
 };
@@ -159,10 +202,13 @@ bool SIUri::Resolve(SIUri const& reference, SIUri& result) const {
   std::unique_ptr<UriUriA, UriFreer> guard(&dest);
   if (uriAddBaseUriExA(&dest, ref.get(), base.get(), URI_RESOLVE_STRICTLY) != URI_SUCCESS) return false;
   std::string text;
-  if (!ToText(&dest, text) || !result.Assign(text)) return false;
+  if (!ToText(&dest, text)) return false;
+  bool refAuthority = reference.HasScheme() || reference.HasAuthority();
+  KeepPathAPath(text, true, refAuthority ? reference.HasAuthority() : HasAuthority());
+  if (!result.Assign(text)) return false;
   // The authority comes whole from the reference or from the base; the
   // writer would spell an IPv6 literal out in full, so its text is kept.
-  SIUri const& owner = reference.HasScheme() || reference.HasAuthority() ? reference : *this;
+  SIUri const& owner = refAuthority ? reference : *this;
   if (owner.m_ipLiteral) result.m_host = owner.m_host;
   return true;
 }
@@ -174,18 +220,37 @@ bool SIUri::Resolve(SAnsiString const& base, SAnsiString const& reference, SAnsi
   return true;
 }
 
-bool SIUri::Normalize() {
+bool SIUri::NormalizeOnce() {
   ParsedUri parsed(Compose());
   if (!parsed.ok()) return false;
   if (uriNormalizeSyntaxA(parsed.get()) != URI_SUCCESS) return false;
   std::string text;
   std::optional<std::string> literal = m_ipLiteral ? m_host : std::nullopt;
-  if (!ToText(parsed.get(), text) || !Assign(text)) return false;
+  if (!ToText(parsed.get(), text)) return false;
+  KeepPathAPath(text, HasScheme(), HasAuthority());
+  if (!Assign(text)) return false;
+  if (HasScheme() || HasAuthority() || (!m_path.empty() && m_path[0] == '/')) {
+    m_path = RemoveDotSegments(m_path);
+    if (!HasAuthority() && m_path.compare(0, 2, "//") == 0) m_path.insert(0, "/.");
+  }
   // Kept as written, in lower case, rather than spelt out in full.
   if (literal) {
     for (char& c : *literal) c = char(std::tolower(static_cast<unsigned char>(c)));
     m_host = literal;
   }
+  return true;
+}
+
+// liburiparser removes dot segments on some passes only, so passes are
+// repeated until the text settles (two in practice).
+bool SIUri::Normalize() {
+  SIUri work = *this;
+  for (int pass = 0; pass < 4; ++pass) {
+    std::string before = work.Compose();
+    if (!work.NormalizeOnce()) return false;
+    if (work.Compose() == before) break;
+  }
+  *this = std::move(work);
   return true;
 }
 

@@ -166,3 +166,29 @@ TEST_F(QuenUri, ResolvesAndParses) {
   EXPECT_EQ(quentest::RunQuen("uri parse 'a b'").status, 1);
   EXPECT_EQ(quentest::RunQuen("uri resolve relative g").status, 1);
 }
+
+// Found by fuzzing: removing dot segments must not turn a path into an
+// authority or a scheme.
+TEST(SIUri, DotSegmentsNeverMakeAnAuthority) {
+  SIUri u;
+  ASSERT_TRUE(u.Parse("ht:/.//qa//g"));
+  ASSERT_TRUE(u.Normalize());
+  EXPECT_FALSE(u.HasAuthority());
+  EXPECT_EQ(str(u.GetPath()), "/.//qa//g");
+  EXPECT_EQ(Resolved("s:/a/b", "/..//x"), "s:/.//x");
+  ASSERT_TRUE(u.Parse("a/../b:c"));  // nor a colon in a first segment a scheme
+  ASSERT_TRUE(u.Normalize());
+  EXPECT_EQ(str(u.ToString()), "./b:c");
+}
+
+TEST(SIUri, NormalisingTwiceChangesNothingMore) {
+  for (char const* text : {"http://h/a/.././b/../2", "//h/:ob/.././:ob/../2", "s:/a/b/../../c", "http://h/a/b/..", "./rps:/../"}) {
+    SIUri once;
+    ASSERT_TRUE(once.Parse(text));
+    ASSERT_TRUE(once.Normalize());
+    SIUri twice = once;
+    ASSERT_TRUE(twice.Normalize());
+    EXPECT_EQ(str(twice.ToString()), str(once.ToString())) << text;
+    EXPECT_EQ(str(once.GetPath()).find("/."), std::string::npos) << text;
+  }
+}

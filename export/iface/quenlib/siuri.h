@@ -104,6 +104,7 @@ class QUENLIB_API SIUri {
   static std::string Std(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
   std::string Compose() const;
   bool Assign(std::string const& text);
+  bool NormalizeOnce();
 
   std::optional<std::string> m_scheme, m_userInfo, m_host, m_port, m_query, m_fragment;
   std::string m_path;
