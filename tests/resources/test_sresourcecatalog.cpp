@@ -20,13 +20,10 @@ class Catalogs : public ::testing::Test {
 
 std::string Lookup(char const* locale, char const* id) {
   SResourceCatalog catalog(kCatalogs.c_str(), locale);
+  static char const* const kFailures[] = {"", "<missing>", "<no catalog>"};
   SAnsiString text;
-  switch (catalog.GetString(id, text)) {
-    case SResourceCatalog::Found: return str(text);
-    case SResourceCatalog::MissingId: return "<missing>";
-    case SResourceCatalog::NoCatalog: return "<no catalog>";
-  }
-  return "<?>";
+  SResourceCatalog::Status st = catalog.GetString(id, text);
+  return st == SResourceCatalog::Found ? str(text) : kFailures[st];
 }
 
 }  // namespace

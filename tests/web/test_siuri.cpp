@@ -17,10 +17,11 @@ std::string Resolved(char const* base, char const* ref) {
 }
 
 std::vector<std::string> SplitTabs(std::string const& line) {
-  std::vector<std::string> fields;
-  std::stringstream in(line);
-  for (std::string f; std::getline(in, f, '\t');) fields.push_back(f);
-  if (!line.empty() && line.back() == '\t') fields.emplace_back();
+  std::vector<std::string> fields(1);
+  for (char c : line) {
+    if (c == '\t') fields.emplace_back();
+    else fields.back().push_back(c);
+  }
   return fields;
 }
 
