@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <set>
 #include <string>
 
 #include "diagnostics/trace.h"
@@ -120,7 +121,7 @@ SResourceCatalog::Status SResourceCatalog::GetHtml(char const* name, SAnsiString
 
 std::vector<SResourceEntry> SResourceCatalog::GetCollection() const {
   std::vector<SResourceEntry> out;
-  std::vector<std::string> seen;
+  std::set<std::string> seen;
   for (auto const& level : m_impl->levels) {
     UErrorCode status = U_ZERO_ERROR;
     Bundle sub(ures_getByKey(level.second.get(), "strings", nullptr, &status));
@@ -132,8 +133,7 @@ std::vector<SResourceEntry> SResourceCatalog::GetCollection() const {
       if (U_FAILURE(status)) break;
       char const* key = ures_getKey(item.get());
       if (!key || ures_getType(item.get()) != URES_STRING) continue;
-      if (std::find(seen.begin(), seen.end(), key) != seen.end()) continue;  // a nearer level has it
-      seen.emplace_back(key);
+      if (!seen.insert(key).second) continue;  // a nearer level has it
       out.push_back({SAnsiString(key), ToText(item.get())});
     }
   }
