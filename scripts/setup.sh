@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config ccache git
   clang clang-tidy clang-format libclang-rt-14-dev
-  libicu-dev libssl-dev libssh2-1-dev libxerces-c-dev zlib1g-dev
+  libicu-dev icu-devtools libssl-dev libssh2-1-dev libxerces-c-dev zlib1g-dev liburiparser-dev
   libsqlite3-dev sqlite3 libspdlog-dev libfmt-dev libsystemd-dev libcli11-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev
   locales tzdata python3

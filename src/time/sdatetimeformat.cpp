@@ -2,14 +2,9 @@
 #include <quenlib/sdatetime.h>
 #include <quenlib/sdatetimestring.h>
 
-#include <langinfo.h>
-#include <unicode/locid.h>
-#include <unicode/smpdtfmt.h>
-#include <unicode/timezone.h>
+#include <quenlib/slocaleinfo.h>
 
-#include <map>
-#include <memory>
-#include <mutex>
+#include <cstring>
 #include <string>
 
 #include "time/datetime.h"
@@ -225,129 +220,24 @@ SAnsiString STime::Format(char const* pattern, STimeZone const& zone) const {
   return SDateTime(SDate(), *this).Format(pattern, zone);
 }
 
-// ---- SDateTimeString
+// ---- SDateTimeString: the names of the thread's LC_TIME locale, from the
+// one source of locale information.
 
-namespace {
+SAnsiString SDateTimeString::GetShortDay(int dayOfWeek) { return SLocaleInfo::Current().GetShortDay(dayOfWeek); }
 
-struct LocaleNames {
-  SAnsiString shortDay[7], longDay[7];
-  SAnsiString shortMonth[13], longMonth[13];
-  SAnsiString shortAM[2], longAM[2];  // [1] morning, [0] afternoon
-  SAnsiString era[2];                 // [1] years 1 on, [0] before
-};
+SAnsiString SDateTimeString::GetLongDay(int dayOfWeek) { return SLocaleInfo::Current().GetLongDay(dayOfWeek); }
 
-// The ICU locale id of the thread's LC_TIME locale ("de_DE.UTF-8@euro" ->
-// "de_DE"; the C and POSIX locales are ICU's en_US_POSIX).
-std::string TimeLocaleName() {
-  char const* name = nl_langinfo(_NL_LOCALE_NAME(LC_TIME));
-  std::string s = name ? name : "C";
-  s = s.substr(0, s.find_first_of(".@"));
-  if (s.empty() || s == "C" || s == "POSIX") return "en_US_POSIX";
-  return s;
-}
+SAnsiString SDateTimeString::GetShortMonth(int month) { return SLocaleInfo::Current().GetShortMonth(month); }
 
-// Milliseconds since 1970 UTC of a date and hour, as ICU takes them.
-UDate ReferenceDate(int year, int month, int day, int hour) {
-  return UDate((int64_t(SDate::YMDToJulian(year, month, day)) - SDate::kUnixEpochDay) * dt::kMsPerDay +
-               int64_t(hour) * 3600000);
-}
+SAnsiString SDateTimeString::GetLongMonth(int month) { return SLocaleInfo::Current().GetLongMonth(month); }
 
-// What a 40-byte buffer can take: a longer name is a failed call, and a
-// failed call leaves the name empty.
-SAnsiString Fit(SAnsiString const& s) { return s.getLength() < 40 ? s : SAnsiString(); }
+SAnsiString SDateTimeString::GetShortAM(bool morning) { return SLocaleInfo::Current().GetShortAM(morning); }
 
-class NameFormatter {
- public:
-  explicit NameFormatter(icu::Locale const& locale) : m_locale(locale) {}
-  SAnsiString format(char const* pattern, UDate when) {
-    UErrorCode status = U_ZERO_ERROR;
-    icu::SimpleDateFormat fmt(icu::UnicodeString(pattern, -1, US_INV), m_locale, status);
-    if (U_FAILURE(status)) return SAnsiString();
-    fmt.adoptTimeZone(icu::TimeZone::getGMT()->clone());
-    icu::UnicodeString text;
-    fmt.format(when, text);
-    return Fit(dt::FromUTF16(text.getBuffer(), text.length()));
-  }
-  // The first character (code point) of a marker: the one-letter form.
-  SAnsiString firstChar(char const* pattern, UDate when) {
-    UErrorCode status = U_ZERO_ERROR;
-    icu::SimpleDateFormat fmt(icu::UnicodeString(pattern, -1, US_INV), m_locale, status);
-    if (U_FAILURE(status)) return SAnsiString();
-    fmt.adoptTimeZone(icu::TimeZone::getGMT()->clone());
-    icu::UnicodeString text;
-    fmt.format(when, text);
-    if (text.isEmpty()) return SAnsiString();
-    int32_t n = U16_IS_LEAD(text.charAt(0)) && text.length() > 1 ? 2 : 1;
-    return Fit(dt::FromUTF16(text.getBuffer(), n));
-  }
-
- private:
-  icu::Locale m_locale;
-};
-
-std::shared_ptr<LocaleNames const> BuildNames(std::string const& id) {
-  auto names = std::make_shared<LocaleNames>();
-  NameFormatter f{icu::Locale(id.c_str())};
-  for (int i = 0; i < 7; ++i) {
-    UDate day = ReferenceDate(1999, 8, i + 1, 12);  // 1 August 1999 is a Sunday
-    names->shortDay[i] = f.format("EEE", day);
-    names->longDay[i] = f.format("EEEE", day);
-  }
-  for (int m = 1; m <= 12; ++m) {
-    UDate first = ReferenceDate(1999, m, 1, 12);
-    names->shortMonth[m] = f.format("MMM", first);
-    names->longMonth[m] = f.format("MMMM", first);
-  }
-  for (int morning = 0; morning < 2; ++morning) {
-    UDate at = ReferenceDate(1999, 1, 1, morning ? 1 : 13);
-    names->longAM[morning] = f.format("a", at);
-    names->shortAM[morning] = f.firstChar("a", at);
-  }
-  names->era[1] = f.format("G", ReferenceDate(1999, 1, 1, 12));
-  names->era[0] = f.format("G", ReferenceDate(-100, 1, 1, 12));
-  return names;
-}
-
-// Names per locale, built on first use of each locale and kept.
-std::shared_ptr<LocaleNames const> CurrentNames() {
-  static std::mutex lock;
-  static std::map<std::string, std::shared_ptr<LocaleNames const>> cache;
-  std::string id = TimeLocaleName();
-  std::lock_guard<std::mutex> guard(lock);
-  auto it = cache.find(id);
-  if (it != cache.end()) return it->second;
-  return cache[id] = BuildNames(id);
-}
-
-}  // namespace
-
-SAnsiString SDateTimeString::GetShortDay(int dayOfWeek) {
-  if (dayOfWeek < 0 || dayOfWeek > 6) return SAnsiString();
-  return CurrentNames()->shortDay[dayOfWeek];
-}
-
-SAnsiString SDateTimeString::GetLongDay(int dayOfWeek) {
-  if (dayOfWeek < 0 || dayOfWeek > 6) return SAnsiString();
-  return CurrentNames()->longDay[dayOfWeek];
-}
-
-SAnsiString SDateTimeString::GetShortMonth(int month) {
-  if (month < 1 || month > 12) return SAnsiString();
-  return CurrentNames()->shortMonth[month];
-}
-
-SAnsiString SDateTimeString::GetLongMonth(int month) {
-  if (month < 1 || month > 12) return SAnsiString();
-  return CurrentNames()->longMonth[month];
-}
-
-SAnsiString SDateTimeString::GetShortAM(bool morning) { return CurrentNames()->shortAM[morning ? 1 : 0]; }
-
-SAnsiString SDateTimeString::GetLongAM(bool morning) { return CurrentNames()->longAM[morning ? 1 : 0]; }
+SAnsiString SDateTimeString::GetLongAM(bool morning) { return SLocaleInfo::Current().GetLongAM(morning); }
 
 SAnsiString SDateTimeString::GetEra(SDate const& date) {
   if (!date.IsValid()) return SAnsiString();
-  return CurrentNames()->era[date.GetDayNumber() >= SDate::YMDToJulian(1, 1, 1) ? 1 : 0];
+  return SLocaleInfo::Current().GetEra(date.GetDayNumber() >= SDate::YMDToJulian(1, 1, 1));
 }
 
 }  // namespace QuenLibA500

@@ -25,6 +25,7 @@
 #include <quenlib/strtok.h>
 #include <quenlib/siarray.h>
 #include <quenlib/sstringhelper.h>
+#include <quenlib/slocaleinfo.h>
 
 // Concurrency: critical sections, reader-writer locks, semaphores, events,
 // timers, stoppable named threads.
@@ -56,6 +57,7 @@
 #include <quenlib/oburl.h>
 #include <quenlib/qrysstring.h>
 #include <quenlib/webencode.h>
+#include <quenlib/siuri.h>
 
 // Files: files, file-system operations and their exceptions.
 #include <quenlib/sfile.h>
@@ -81,6 +83,10 @@
 #include <quenlib/scrypt.h>
 #include <quenlib/sguid.h>
 #include <quenlib/spasswordscrambler.h>
+
+// Resources and languages: localised resource strings and HTML templates
+// from catalogs, installed languages.
+#include <quenlib/sresourcecatalog.h>
 
 // Network clients: sockets and TCP connections with TLS, SOCKS server
 // settings and socks URIs, the SMTP, FTP and SFTP clients.

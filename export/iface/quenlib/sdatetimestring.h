@@ -12,6 +12,8 @@
 //   SDateTimeString::GetEra(SDate(2000, 1, 1));  // "AD"
 //
 // Names are in the locale's own code set (EUC-JP bytes in ja_JP.eucjp).
+// They are read from `SLocaleInfo::Current()` (slocaleinfo.h), which also
+// answers separators, week start and patterns.
 //
 // `SDateTime::Format` uses these for the name fields of its patterns.
 #pragma once
