@@ -4,28 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <thread>
 #include <vector>
 
+#include "concurrency_support.h"
+
 using namespace QuenLibA500;
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
-namespace {
-
-// Spins (yielding) until pred holds or the time is up.
-template <class Pred>
-bool WaitFor(Pred pred, std::chrono::milliseconds limit = 5000ms) {
-  auto const end = Clock::now() + limit;
-  while (!pred()) {
-    if (Clock::now() > end) return false;
-    std::this_thread::yield();
-  }
-  return true;
-}
-
-}  // namespace
+using namespace conctest;
 
 TEST(RWLockConcurrent, WritersExcludeEveryoneReadersShare) {
   SRWLock lock;
