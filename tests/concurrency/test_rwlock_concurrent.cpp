@@ -59,14 +59,18 @@ TEST(RWLockConcurrent, TimedAttemptsGiveUpWhileTheOtherSideHoldsIt) {
 // without the writer-waiting rule the writer would never get in.
 TEST(RWLockConcurrent, AStreamOfOverlappingReadersDoesNotStarveAWriter) {
   SRWLock lock;
-  std::atomic<int> inside{0};
+  std::atomic<int> inside{0}, entries{0};
   std::atomic<bool> done{false};
   auto reader = [&] {
     while (!done) {
       lock.lockRead();
       ++inside;
-      // Leave only once the partner is inside too (or after a few ms).
-      WaitFor([&] { return inside.load() >= 2 || done.load(); }, 5ms);
+      int const mine = ++entries;
+      // Leave only once the partner has come in after this reader, so the
+      // two never leave together. The 100 ms way out is for a partner held
+      // back by the waiting writer; long, so that a reader descheduled on a
+      // loaded machine opens no gap the writer could use without the rule.
+      WaitFor([&] { return entries.load() > mine || done.load(); }, 100ms);
       --inside;
       lock.unlockRead();
     }
