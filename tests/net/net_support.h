@@ -186,8 +186,10 @@ inline std::pair<int, std::string> runQuen(std::string const& args, std::string 
                                            bool withStderr = true) {
   if (!std::filesystem::exists(quentest::QuenPath())) return {-2, ""};
   std::string out;
-  FILE* p = ::popen((env + " timeout 30 " + quentest::QuenPath() + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null"))
-                        .c_str(), "r");
+  FILE* p = ::popen((env + " timeout 30 " + quentest::QuenPath() + " " + args +
+                     (withStderr ? " 2>&1" : " 2>/dev/null"))
+                        .c_str(),
+                    "r");
   char buf[4096];
   for (size_t n; p && (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
   int const st = p ? ::pclose(p) : -1;

@@ -129,7 +129,8 @@ class Server {
       if (eq != std::string::npos) fields[line.substr(0, eq)] = line.substr(eq + 1);
     }
     for (int i = 0; fields.count("Part" + std::to_string(i)); ++i)
-      fields["part" + std::to_string(i) + ".bytes"] = nettest::ReadFile(prefix + ".part" + std::to_string(i));
+      fields["part" + std::to_string(i) + ".bytes"] =
+          nettest::ReadFile(prefix + ".part" + std::to_string(i));
     return fields;
   }
 

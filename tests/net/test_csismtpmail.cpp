@@ -345,13 +345,15 @@ TEST_F(Smtp, QuenMailSendTakesNoPasswordFromTheCommandLine) {
   start({"auth"});
   std::ofstream(m_dir / "pw") << kPassword << "\n";
   auto const run = [&](std::string const& args, std::string const& env = "") {
-    return nettest::runQuen("mail send --server 127.0.0.1:" + std::to_string(m_server->port()) +
-                                " --from me@example.org --subject hi --user user --to you@example.org " + args,
-                            env);
+    return nettest::runQuen(
+        "mail send --server 127.0.0.1:" + std::to_string(m_server->port()) +
+            " --from me@example.org --subject hi --user user --to you@example.org " + args,
+        env);
   };
   EXPECT_EQ(run("--auth login").first, 2);  // no password anywhere
   EXPECT_NE(run(std::string("--auth login --password ") + kPassword).first, 0);
-  auto const [status, out] = run("--cc refuse550@x.org --auth login --verbose", "QUEN_SMTP_PASSWORD=" + std::string(kPassword));
+  auto const [status, out] = run("--cc refuse550@x.org --auth login --verbose",
+                                 "QUEN_SMTP_PASSWORD=" + std::string(kPassword));
   EXPECT_EQ(status, 1) << out;
   EXPECT_NE(out.find("C: AUTH LOGIN\nS: 334 VXNlciBOYW1lAA==\nC: ***\n"), std::string::npos) << out;
   EXPECT_NE(out.find("error code 3, SMTP reply 550"), std::string::npos) << out;

@@ -170,8 +170,9 @@ class Tls : public ::testing::Test {
         std::vector<std::string>{"openssl", "s_server", "-accept", "127.0.0.1:" + std::to_string(m_port), "-cert",
                                  m_dir / "a.crt", "-key", m_dir / "a.key"},
         m_dir / "server.out", m_input[0]);
-    ASSERT_TRUE(WaitFor([&] { return ReadFile(m_dir / "server.out").find("ACCEPT") != std::string::npos; }))
-        << ReadFile(m_dir / "server.out");
+    ASSERT_TRUE(WaitFor([&] {
+      return ReadFile(m_dir / "server.out").find("ACCEPT") != std::string::npos;
+    })) << ReadFile(m_dir / "server.out");
     ::setenv("QUENLIB_CERTIFICATE_DIR", (m_dir / "pin").c_str(), 1);
     std::filesystem::create_directory(m_dir / "pin");
   }
@@ -201,7 +202,8 @@ TEST_F(Tls, MatchingPinConnectsAndLinesFlowBothWays) {
   ASSERT_TRUE(s.GetLine(line, 10));
   EXPECT_EQ(std::string(line), "220 ready");
   ASSERT_TRUE(s.SendString("HELO quenlib\r\n", 10));
-  EXPECT_TRUE(WaitFor([&] { return ReadFile(m_dir / "server.out").find("HELO quenlib") != std::string::npos; }));
+  EXPECT_TRUE(WaitFor(
+      [&] { return ReadFile(m_dir / "server.out").find("HELO quenlib") != std::string::npos; }));
   s.AbortSocket();
   EXPECT_FALSE(s.IsOpen());
 }
@@ -226,8 +228,10 @@ TEST_F(Tls, EveryOtherPinIsRefused) {
     std::function<void()> prepare;
     char const* message;
   } const rows[] = {
-      {"same subject, other key", [&] { pin(ReadFile(m_dir / "b.crt")); }, "Certificate does not match"},
-      {"no file", [&] { std::filesystem::remove(m_dir / "pin/certificate.crt"); }, "Unable to open file"},
+      {"same subject, other key", [&] { pin(ReadFile(m_dir / "b.crt")); },
+       "Certificate does not match"},
+      {"no file", [&] { std::filesystem::remove(m_dir / "pin/certificate.crt"); },
+       "Unable to open file"},
       {"not PEM", [&] { pin("certificate? no.\n"); }, "Unable to parse certificate"},
   };
   for (auto const& r : rows) {
@@ -257,7 +261,8 @@ TEST_F(Tls, SeveralAddressesKeepTheLastAddresssConnection) {
   Child firstOnly({"openssl", "s_server", "-accept", "[::1]:" + std::to_string(port6), "-cert", m_dir / "a.crt",
                    "-key", m_dir / "a.key"},
                   m_dir / "server6.out");
-  ASSERT_TRUE(WaitFor([&] { return ReadFile(m_dir / "server6.out").find("ACCEPT") != std::string::npos; }));
+  ASSERT_TRUE(
+      WaitFor([&] { return ReadFile(m_dir / "server6.out").find("ACCEPT") != std::string::npos; }));
   EXPECT_EQ(withHosts(hosts, open(port6, false)), 0);  // plain stops at the first connect
   EXPECT_EQ(withHosts(hosts, open(port6, true)), 1);   // verified, then given up for the refused last address
 }

@@ -13,7 +13,9 @@ namespace {
 class QuenNet : public quentest::QuenTest {
  protected:
   // Exit status and standard output (standard error is dropped).
-  static std::pair<int, std::string> run(std::string const& args) { return runQuen(args, "", false); }
+  static std::pair<int, std::string> run(std::string const& args) {
+    return runQuen(args, "", false);
+  }
   ScratchDir m_dir;
 };
 

@@ -29,7 +29,6 @@ std::string Str(SAnsiString const& s) { return std::string(s.getString(), s.getL
 
 CParamLineArgs Args(std::vector<std::string> words) { return CParamLineArgs(std::move(words)); }
 
-
 // A child that talks frames, killed at the end of the test whatever happens.
 struct TalkingChild {
   CSIPipeServer pipe{5, true, false};
@@ -152,7 +151,8 @@ TEST(CSIProcess, AbandonedChildrenAreReaped) {
     EXPECT_EQ(copy.getpid(), running.getpid());
     pid = running.getpid();
   }
-  EXPECT_TRUE(conctest::WaitFor([&] { return !std::filesystem::exists("/proc/" + std::to_string(pid)); }));
+  EXPECT_TRUE(
+      conctest::WaitFor([&] { return !std::filesystem::exists("/proc/" + std::to_string(pid)); }));
 }
 
 TEST(CSIProcess, CapturesStandardOutputAndRemovesItsFile) {

@@ -38,7 +38,9 @@ inline fs::path ScratchDir(std::string const& name) {
 using quentest::ReadFile;
 
 template <class Fn>
-bool Eventually(Fn fn, int seconds = 10) { return conctest::WaitFor(fn, std::chrono::seconds(seconds)); }
+bool Eventually(Fn fn, int seconds = 10) {
+  return conctest::WaitFor(fn, std::chrono::seconds(seconds));
+}
 
 // A child process killed and reaped when the test ends, whatever happens.
 class ChildGuard {

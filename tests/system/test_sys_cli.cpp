@@ -16,7 +16,8 @@ class QuenSys : public quentest::QuenTest {
   // Runs a shell command line with $Q set to quen, in a scratch directory:
   // stdout and stderr.
   Outcome run(std::string const& line) const {
-    std::string const cmd = "cd " + dir.path + " && Q=" + quentest::QuenPath() + " timeout 60 sh -c '" + line + "' 2>&1";
+    std::string const cmd = "cd " + dir.path + " && Q=" + quentest::QuenPath() +
+                            " timeout 60 sh -c '" + line + "' 2>&1";
     Outcome r{-1, {}};
     FILE* p = popen(cmd.c_str(), "r");
     if (!p) return r;
