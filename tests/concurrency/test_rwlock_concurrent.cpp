@@ -4,28 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <thread>
 #include <vector>
 
+#include "concurrency_support.h"
+
 using namespace QuenLibA500;
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
-namespace {
-
-// Spins (yielding) until pred holds or the time is up.
-template <class Pred>
-bool WaitFor(Pred pred, std::chrono::milliseconds limit = 5000ms) {
-  auto const end = Clock::now() + limit;
-  while (!pred()) {
-    if (Clock::now() > end) return false;
-    std::this_thread::yield();
-  }
-  return true;
-}
-
-}  // namespace
+using namespace conctest;
 
 TEST(RWLockConcurrent, WritersExcludeEveryoneReadersShare) {
   SRWLock lock;
@@ -75,14 +59,18 @@ TEST(RWLockConcurrent, TimedAttemptsGiveUpWhileTheOtherSideHoldsIt) {
 // without the writer-waiting rule the writer would never get in.
 TEST(RWLockConcurrent, AStreamOfOverlappingReadersDoesNotStarveAWriter) {
   SRWLock lock;
-  std::atomic<int> inside{0};
+  std::atomic<int> inside{0}, entries{0};
   std::atomic<bool> done{false};
   auto reader = [&] {
     while (!done) {
       lock.lockRead();
       ++inside;
-      // Leave only once the partner is inside too (or after a few ms).
-      WaitFor([&] { return inside.load() >= 2 || done.load(); }, 5ms);
+      int const mine = ++entries;
+      // Leave only once the partner has come in after this reader, so the
+      // two never leave together. The 100 ms way out is for a partner held
+      // back by the waiting writer; long, so that a reader descheduled on a
+      // loaded machine opens no gap the writer could use without the rule.
+      WaitFor([&] { return entries.load() > mine || done.load(); }, 100ms);
       --inside;
       lock.unlockRead();
     }

@@ -5,13 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <thread>
 #include <vector>
 
+#include "concurrency_support.h"
+
 using namespace QuenLibA500;
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
+using namespace conctest;
 
 TEST(SEventConcurrent, ManualResetReleasesEveryWaiterUntilReset) {
   SEvent shutdown(true, false);
@@ -44,8 +43,7 @@ TEST(SEventConcurrent, AutoResetLetsOneWaiterThroughPerSet) {
     });
   std::this_thread::sleep_for(30ms);
   ready.set();
-  auto const end = Clock::now() + 5s;
-  while (through.load() < 1 && Clock::now() < end) std::this_thread::sleep_for(1ms);
+  WaitFor([&] { return through.load() >= 1; });
   ready.set();
   for (auto& t : waiters) t.join();
   EXPECT_EQ(through.load(), 2);

@@ -4,13 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <thread>
 #include <vector>
 
+#include "concurrency_support.h"
+
 using namespace QuenLibA500;
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
+using namespace conctest;
 
 TEST(SSemaphoreConcurrent, ReleasePastTheMaximumIsRefusedWhole) {
   SSemaphore sem(1, 3);

@@ -9,16 +9,15 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <fstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "concurrency_support.h"
+
 using namespace QuenLibA500;
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
+using namespace conctest;
 
 TEST(STerminatingThreadConcurrent, StopWakesTheBodyAndTheKernelKnowsItsName) {
   std::atomic<long> tid{0};
@@ -29,8 +28,7 @@ TEST(STerminatingThreadConcurrent, StopWakesTheBodyAndTheKernelKnowsItsName) {
   });
   ASSERT_TRUE(worker.start());
   EXPECT_FALSE(worker.start());
-  auto const end = Clock::now() + 5s;
-  while (tid.load() == 0 && Clock::now() < end) std::this_thread::sleep_for(1ms);
+  ASSERT_TRUE(WaitFor([&] { return tid.load() != 0; }));
   std::ifstream comm("/proc/self/task/" + std::to_string(tid.load()) + "/comm");
   std::string name;
   std::getline(comm, name);

@@ -130,7 +130,7 @@ class NamespacedServer {
   std::string host() const { return m_family == AF_INET ? "127.0.0.1" : "::1"; }
   std::string home() const { return m_dir / "home"; }
   std::string path(std::string const& name) const { return m_dir / name; }
-  std::string log() const { return readFile(path("server.out")); }
+  std::string log() const { return ReadFile(path("server.out")); }
 
  protected:
   void setProblem(std::string const& why) { m_problem = why; }
@@ -149,7 +149,7 @@ class NamespacedServer {
     args.push_back(nullptr);
     std::string const out = path("server.out");
     if ((m_pid = ::fork()) == 0) enter(args, binds, out, privateRun);
-    bool const up = eventually([&] { return ended() != -1 || accepting(); });
+    bool const up = WaitFor([&] { return ended() != -1 || accepting(); });
     int const status = ended();
     if (status == 77)
       m_problem = "no private mount/PID namespace could be made here";
@@ -233,7 +233,7 @@ class Sshd : public NamespacedServer {
     Child keygen({"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", hostKey()},
                  path("keygen.out"));
     if (keygen.wait() != 0) {
-      setProblem("ssh-keygen failed: " + readFile(path("keygen.out")));
+      setProblem("ssh-keygen failed: " + ReadFile(path("keygen.out")));
       return;
     }
     std::ofstream(path("sshd.conf"))
@@ -256,35 +256,11 @@ std::pair<int, std::string> thrown(std::function<void()> const& fn) {
   return {-1, ""};
 }
 
-inline std::string str(QuenLibA500::SAnsiString const& s) {
-  return std::string(s.getString(), s.getLength());
-}
-
-#ifdef QUENLIB_BINARY_DIR
-// Runs the built quen with `args` (and `env` assignments before it): exit
-// status and standard output; status -2 when quen is not built.
-inline std::pair<int, std::string> runQuen(std::string const& args, std::string const& env = "") {
-  std::string const quen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
-  if (!std::filesystem::exists(quen)) return {-2, ""};
-  std::string out;
-  FILE* p = ::popen((env + " timeout 30 " + quen + " " + args + " 2>&1").c_str(), "r");
-  char buf[4096];
-  for (size_t n; p && (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-  int const st = p ? ::pclose(p) : -1;
-  return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
-}
-#endif
-
 // Bytes 0, 1, ..., 250, 0, 1, ... (a pattern that shows a shifted piece).
 inline std::string pattern(size_t n) {
   std::string s(n, '\0');
   for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i % 251);
   return s;
-}
-
-inline void writeFile(std::string const& path, std::string const& data) {
-  std::ofstream(path, std::ios::binary)
-      .write(data.data(), static_cast<std::streamsize>(data.size()));
 }
 
 }  // namespace ftptest

@@ -30,9 +30,16 @@
 #include <thread>
 #include <vector>
 
+#include "concurrency/concurrency_support.h"
+#include "text/text_support.h"
+
 namespace nettest {
 
 using namespace std::chrono_literals;
+using conctest::WaitFor;
+using quentest::ReadFile;
+using quentest::str;
+using quentest::WriteFile;
 constexpr int kDeadlineMs = 10000;
 
 inline sockaddr_storage loopback(int family, unsigned short port) {
@@ -172,11 +179,21 @@ class Child {
   pid_t m_pid = -1;
 };
 
-inline std::string readFile(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+// Runs the built quen with `args` (and `env` assignments before it), at
+// most 30 s: exit status and output, standard error too unless dropped;
+// status -2 when quen is not built.
+inline std::pair<int, std::string> runQuen(std::string const& args, std::string const& env = "",
+                                           bool withStderr = true) {
+  if (!std::filesystem::exists(quentest::QuenPath())) return {-2, ""};
+  std::string out;
+  FILE* p = ::popen((env + " timeout 30 " + quentest::QuenPath() + " " + args +
+                     (withStderr ? " 2>&1" : " 2>/dev/null"))
+                        .c_str(),
+                    "r");
+  char buf[4096];
+  for (size_t n; p && (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+  int const st = p ? ::pclose(p) : -1;
+  return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
 }
 
 // A self-signed certificate dir/name.crt with its key dir/name.key, made by
@@ -187,16 +204,6 @@ inline bool makeCertificate(std::string const& dir, std::string const& name) {
              dir + "/" + name + ".crt"},
             dir + "/req.log");
   return req.wait() == 0;
-}
-
-// Polls `check` every 20 ms until it holds or the deadline passes.
-inline bool eventually(std::function<bool()> const& check, int millis = kDeadlineMs) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(millis);
-  while (std::chrono::steady_clock::now() < end) {
-    if (check()) return true;
-    std::this_thread::sleep_for(20ms);
-  }
-  return check();
 }
 
 class ScratchDir {
@@ -230,7 +237,7 @@ inline int withHosts(std::string const& hosts, std::function<int()> const& body)
     ::_exit(body());
   }
   int status = 0;
-  if (!eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; })) {
+  if (!WaitFor([&] { return ::waitpid(child, &status, WNOHANG) == child; })) {
     ::kill(child, SIGKILL);
     ::waitpid(child, &status, 0);
     return -1;

@@ -107,12 +107,12 @@ class Server {
     for (char const* part : {".crt", ".key"})
       if (!tlsFrom.empty()) std::filesystem::copy_file(tlsFrom + part, m_dir / (std::string("server") + part));
     m_child = std::make_unique<Child>(argv, m_dir / "server.log");
-    if (nettest::eventually([&] { return std::filesystem::exists(m_dir / "port"); }))
-      m_port = static_cast<unsigned short>(std::stoi(nettest::readFile(m_dir / "port")));
+    if (nettest::WaitFor([&] { return std::filesystem::exists(m_dir / "port"); }))
+      m_port = static_cast<unsigned short>(std::stoi(nettest::ReadFile(m_dir / "port")));
   }
   unsigned short port() const { return m_port; }
-  std::string log() const { return nettest::readFile(m_dir / "server.log"); }
-  std::string file(std::string const& name) const { return nettest::readFile(m_dir / name); }
+  std::string log() const { return nettest::ReadFile(m_dir / "server.log"); }
+  std::string file(std::string const& name) const { return nettest::ReadFile(m_dir / name); }
   bool has(std::string const& name) const { return std::filesystem::exists(m_dir / name); }
 
   // Message n read back by the email package: "Header" = value lines, and
@@ -123,13 +123,14 @@ class Server {
     Child parse({kPython, m_dir / "parse.py", prefix + ".eml", prefix}, prefix + ".parsed");
     std::map<std::string, std::string> fields;
     if (parse.wait(60000) != 0) return fields;
-    std::istringstream lines(nettest::readFile(prefix + ".parsed"));
+    std::istringstream lines(nettest::ReadFile(prefix + ".parsed"));
     for (std::string line; std::getline(lines, line);) {
       size_t const eq = line.find('=');
       if (eq != std::string::npos) fields[line.substr(0, eq)] = line.substr(eq + 1);
     }
     for (int i = 0; fields.count("Part" + std::to_string(i)); ++i)
-      fields["part" + std::to_string(i) + ".bytes"] = nettest::readFile(prefix + ".part" + std::to_string(i));
+      fields["part" + std::to_string(i) + ".bytes"] =
+          nettest::ReadFile(prefix + ".part" + std::to_string(i));
     return fields;
   }
 

@@ -130,7 +130,7 @@ TEST(CSIftpScripted, ActiveModeAnnouncesPortAndEprtWithoutClosingBar) {
     CSIftp ftp;
     connect(ftp, peer);
     ScratchDir dir;
-    writeFile(dir / "f", "x");
+    WriteFile(dir / "f", "x");
     EXPECT_EQ(thrown([&] { ftp.PutFile((dir / "f").c_str(), "f"); }),
               std::make_pair(2, std::string("500 no")));
     ftp.Disconnect();
@@ -151,7 +151,7 @@ TEST(CSIftpScripted, ServerThatNeverConnectsTimesOut) {
   connect(ftp, peer);
   ftp.SetReceiveTimeout(1);
   ScratchDir dir;
-  writeFile(dir / "f", "x");
+  WriteFile(dir / "f", "x");
   EXPECT_EQ(thrown([&] { ftp.PutFile((dir / "f").c_str(), "f"); }),
             std::make_pair(3, std::string("Timed out reading data from FTP server.")));
   EXPECT_TRUE(ftp.Connected());
@@ -225,9 +225,9 @@ TEST_P(CSIftpVsftpd, DirectoriesUploadsAndRefusals) {
   std::vector<std::pair<std::string, std::string>> const files = {
       {"empty", ""}, {"one", "\x7f"}, {"large", pattern(50u << 20)}};
   for (auto const& [name, data] : files) {
-    writeFile(local / name, data);
+    WriteFile(local / name, data);
     ASSERT_TRUE(ftp.PutFile((local / name).c_str(), ("one/two/three/" + name).c_str())) << name;
-    EXPECT_TRUE(readFile(server.home() + "/one/two/three/" + name) == data) << name;
+    EXPECT_TRUE(ReadFile(server.home() + "/one/two/three/" + name) == data) << name;
   }
   for (auto const& f : files) EXPECT_TRUE(ftp.RemoveFile(("one/two/three/" + f.first).c_str()));
   EXPECT_TRUE(ftp.ChangeWorkingDir("one/two"));
@@ -251,8 +251,8 @@ TEST(QuenFtp, PutMkdirsPwdRm) {
   Vsftpd server(AF_INET6);
   if (!server.problem().empty()) GTEST_SKIP() << server.problem();
   ScratchDir local;
-  writeFile(local / "pw", std::string(kPassword) + "\n");
-  writeFile(local / "f.txt", "payload");
+  WriteFile(local / "pw", std::string(kPassword) + "\n");
+  WriteFile(local / "f.txt", "payload");
   std::string const url = "ftp://" + std::string(kUser) + "@[::1]:" + std::to_string(server.port());
   std::string const pw = " --password-file " + (local / "pw");
   if (runQuen("ftp pwd" + pw + " " + url).first == -2) GTEST_SKIP() << "quen is not built";
@@ -260,7 +260,7 @@ TEST(QuenFtp, PutMkdirsPwdRm) {
             std::make_pair(0, server.home() + "\n"));
   EXPECT_EQ(runQuen("ftp mkdirs" + pw + " " + url + "/in/x").first, 0);
   EXPECT_EQ(runQuen("ftp put" + pw + " " + url + "/in/x/ " + (local / "f.txt")).first, 0);
-  EXPECT_EQ(readFile(server.home() + "/in/x/f.txt"), "payload");
+  EXPECT_EQ(ReadFile(server.home() + "/in/x/f.txt"), "payload");
   EXPECT_EQ(runQuen("ftp rm" + pw + " " + url + "/in/x/f.txt").first, 0);
   EXPECT_FALSE(std::filesystem::exists(server.home() + "/in/x/f.txt"));
   EXPECT_EQ(runQuen("ftp rm" + pw + " " + url + "/in/x/f.txt").first, 1);  // gone: 550

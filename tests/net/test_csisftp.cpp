@@ -22,7 +22,7 @@ std::string expectedFingerprint(Sshd const& server) {
   Child hash({"/bin/sh", "-c",
               "cut -d' ' -f2 " + server.hostKey() + ".pub | base64 -d | openssl dgst -sha256 -r"},
              server.path("fp.out"));
-  return hash.wait() == 0 ? readFile(server.path("fp.out")).substr(0, 64) : "";
+  return hash.wait() == 0 ? ReadFile(server.path("fp.out")).substr(0, 64) : "";
 }
 
 std::string upper(std::string s) {
@@ -114,23 +114,23 @@ TEST_F(CSIsftpSshd, DirectoriesAndUploads) {
 
   ScratchDir local;
   std::string const big = pattern(3u << 20), small = "tiny";
-  writeFile(local / "big", big);
-  writeFile(local / "small", small);
-  writeFile(local / "empty", "");
+  WriteFile(local / "big", big);
+  WriteFile(local / "small", small);
+  WriteFile(local / "empty", "");
   std::string const target = server.home() + "/a/b/c/";
   EXPECT_TRUE(sftp.PutFile((local / "big").c_str(), "a/b/c/f", true));
-  EXPECT_TRUE(readFile(target + "f") == big);
+  EXPECT_TRUE(ReadFile(target + "f") == big);
   EXPECT_TRUE(sftp.PutFile((local / "small").c_str(), "a/b/c/f", true));  // truncates
-  EXPECT_EQ(readFile(target + "f"), small);
+  EXPECT_EQ(ReadFile(target + "f"), small);
   EXPECT_EQ(std::filesystem::status(target + "f").permissions(), std::filesystem::perms(0600));
   EXPECT_TRUE(sftp.PutFile((local / "empty").c_str(), "a/b/c/e", false));
-  EXPECT_TRUE(std::filesystem::exists(target + "e") && readFile(target + "e").empty());
+  EXPECT_TRUE(std::filesystem::exists(target + "e") && ReadFile(target + "e").empty());
   EXPECT_EQ(
       thrown([&] { sftp.PutFile((local / "big").c_str(), "a/b/c/e", false); }),
       std::make_pair(
           5, std::string("Error in opening file for write.May not have permission to add files. "
                          "Contact Server admin/Retry.")));
-  EXPECT_TRUE(readFile(target + "e").empty());
+  EXPECT_TRUE(ReadFile(target + "e").empty());
   EXPECT_EQ(
       thrown([&] { sftp.PutFile("/no/such/file", "x", true); }),
       std::make_pair(
@@ -159,7 +159,7 @@ TEST_F(CSIsftpSshd, QuenFingerprintPutMkdirs) {
   if (fp.first == -2) GTEST_SKIP() << "quen is not built";
   EXPECT_EQ(fp, std::make_pair(0, fingerprint + "\n"));
   ScratchDir local;
-  writeFile(local / "f", "payload");
+  WriteFile(local / "f", "payload");
   std::string const url =
       "sftp://" + std::string(kUser) + "@127.0.0.1:" + std::to_string(server.port());
   std::string const env = "QUEN_SFTP_PASSWORD=" + std::string(kPassword);
@@ -169,7 +169,7 @@ TEST_F(CSIsftpSshd, QuenFingerprintPutMkdirs) {
   EXPECT_EQ(std::filesystem::status(server.home() + "/d/e").permissions(),
             std::filesystem::perms(0750));
   EXPECT_EQ(runQuen("sftp put " + url + "/d/e/ " + (local / "f") + pin, env).first, 0);
-  EXPECT_EQ(readFile(server.home() + "/d/e/f"), "payload");
+  EXPECT_EQ(ReadFile(server.home() + "/d/e/f"), "payload");
   EXPECT_EQ(runQuen("sftp put --exclusive " + url + "/d/e/f " + (local / "f") + pin, env).first, 1);
   auto const wrong = runQuen(
       "sftp put " + url + "/g " + (local / "f") + " --fingerprint " + std::string(64, '0'), env);

@@ -13,7 +13,7 @@
 #include "smtp_support.h"
 
 using namespace QuenLibA500;
-using nettest::readFile;
+using nettest::ReadFile;
 using nettest::ScratchDir;
 using smtptest::kPassword;
 using smtptest::Server;
@@ -100,7 +100,7 @@ TEST(CSISMTPMessage, AddressesAndTheEncodedFormInOrder) {
     SFile f((dir / "out").c_str(), SFile::modeCreateRW);
     ASSERT_TRUE(m.EncodeSMTPMailMessage(f, true));
   }
-  std::string const text = readFile(dir / "out");
+  std::string const text = ReadFile(dir / "out");
   std::istringstream in(text);
   std::string id, date;  // the Date header is read back by the email package below
   std::getline(in, id), std::getline(in, date);
@@ -341,25 +341,19 @@ TEST_F(Smtp, TlsWithThePinnedCertificate) {
 }
 
 TEST_F(Smtp, QuenMailSendTakesNoPasswordFromTheCommandLine) {
-  std::string const quen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
-  if (!std::filesystem::exists(quen)) GTEST_SKIP() << "quen is not built";
+  if (::access(quentest::QuenPath().c_str(), X_OK) != 0) GTEST_SKIP() << "quen is not built";
   start({"auth"});
   std::ofstream(m_dir / "pw") << kPassword << "\n";
-  auto const run = [&](std::string const& args) {
-    std::string out;
-    FILE* p = ::popen(("timeout 30 " + quen + " mail send --server 127.0.0.1:" + std::to_string(m_server->port()) +
-                       " --from me@example.org --subject hi --user user --to you@example.org " + args + " 2>&1")
-                          .c_str(), "r");
-    char buf[4096];
-    for (size_t n; p && (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-    int const st = p ? ::pclose(p) : -1;
-    return std::make_pair(WIFEXITED(st) ? WEXITSTATUS(st) : -1, out);
+  auto const run = [&](std::string const& args, std::string const& env = "") {
+    return nettest::runQuen(
+        "mail send --server 127.0.0.1:" + std::to_string(m_server->port()) +
+            " --from me@example.org --subject hi --user user --to you@example.org " + args,
+        env);
   };
   EXPECT_EQ(run("--auth login").first, 2);  // no password anywhere
   EXPECT_NE(run(std::string("--auth login --password ") + kPassword).first, 0);
-  ::setenv("QUEN_SMTP_PASSWORD", kPassword, 1);
-  auto const [status, out] = run("--cc refuse550@x.org --auth login --verbose");
-  ::unsetenv("QUEN_SMTP_PASSWORD");
+  auto const [status, out] = run("--cc refuse550@x.org --auth login --verbose",
+                                 "QUEN_SMTP_PASSWORD=" + std::string(kPassword));
   EXPECT_EQ(status, 1) << out;
   EXPECT_NE(out.find("C: AUTH LOGIN\nS: 334 VXNlciBOYW1lAA==\nC: ***\n"), std::string::npos) << out;
   EXPECT_NE(out.find("error code 3, SMTP reply 550"), std::string::npos) << out;

@@ -17,8 +17,6 @@ using namespace nettest;
 
 namespace {
 
-std::string str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
 struct SplitRow {
   char const* text;
   char const* host;
@@ -204,7 +202,7 @@ TEST(CSISocketConnect, EndlessRetriesSucceedOnceThePortListens) {
     connected = CSISocket::connectNonBlocking(s, reinterpret_cast<sockaddr*>(&a), sizeof(sockaddr_in6), 1, -1);
     done = true;
   });
-  bool const finished = eventually([&] { return done.load(); });
+  bool const finished = WaitFor([&] { return done.load(); });
   if (!finished) CSISocket::close(s);  // ends the retries with EBADF: fail, do not hang
   opener.join();
   caller.join();

@@ -16,8 +16,6 @@ using namespace nettest;
 
 namespace {
 
-std::string str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
 class PlainPeer : public ::testing::TestWithParam<int> {
  protected:
   int family() const { return GetParam(); }
@@ -172,8 +170,9 @@ class Tls : public ::testing::Test {
         std::vector<std::string>{"openssl", "s_server", "-accept", "127.0.0.1:" + std::to_string(m_port), "-cert",
                                  m_dir / "a.crt", "-key", m_dir / "a.key"},
         m_dir / "server.out", m_input[0]);
-    ASSERT_TRUE(eventually([&] { return readFile(m_dir / "server.out").find("ACCEPT") != std::string::npos; }))
-        << readFile(m_dir / "server.out");
+    ASSERT_TRUE(WaitFor([&] {
+      return ReadFile(m_dir / "server.out").find("ACCEPT") != std::string::npos;
+    })) << ReadFile(m_dir / "server.out");
     ::setenv("QUENLIB_CERTIFICATE_DIR", (m_dir / "pin").c_str(), 1);
     std::filesystem::create_directory(m_dir / "pin");
   }
@@ -194,7 +193,7 @@ class Tls : public ::testing::Test {
 };
 
 TEST_F(Tls, MatchingPinConnectsAndLinesFlowBothWays) {
-  pin(readFile(m_dir / "a.crt"));
+  pin(ReadFile(m_dir / "a.crt"));
   ASSERT_EQ(::write(m_input[1], "220 ready\r\n", 11), 11);
   CSITcpSocket s("127.0.0.1", m_port);
   ASSERT_TRUE(s.TcpOpen(true));
@@ -203,13 +202,14 @@ TEST_F(Tls, MatchingPinConnectsAndLinesFlowBothWays) {
   ASSERT_TRUE(s.GetLine(line, 10));
   EXPECT_EQ(std::string(line), "220 ready");
   ASSERT_TRUE(s.SendString("HELO quenlib\r\n", 10));
-  EXPECT_TRUE(eventually([&] { return readFile(m_dir / "server.out").find("HELO quenlib") != std::string::npos; }));
+  EXPECT_TRUE(WaitFor(
+      [&] { return ReadFile(m_dir / "server.out").find("HELO quenlib") != std::string::npos; }));
   s.AbortSocket();
   EXPECT_FALSE(s.IsOpen());
 }
 
 TEST_F(Tls, SilenceTimesOutAndAVanishedServerFailsSendWithoutSigpipe) {
-  pin(readFile(m_dir / "a.crt"));
+  pin(ReadFile(m_dir / "a.crt"));
   CSITcpSocket s("127.0.0.1", m_port);
   ASSERT_TRUE(s.TcpOpen(true));
   EXPECT_FALSE(s.GetData(1, false));
@@ -228,8 +228,10 @@ TEST_F(Tls, EveryOtherPinIsRefused) {
     std::function<void()> prepare;
     char const* message;
   } const rows[] = {
-      {"same subject, other key", [&] { pin(readFile(m_dir / "b.crt")); }, "Certificate does not match"},
-      {"no file", [&] { std::filesystem::remove(m_dir / "pin/certificate.crt"); }, "Unable to open file"},
+      {"same subject, other key", [&] { pin(ReadFile(m_dir / "b.crt")); },
+       "Certificate does not match"},
+      {"no file", [&] { std::filesystem::remove(m_dir / "pin/certificate.crt"); },
+       "Unable to open file"},
       {"not PEM", [&] { pin("certificate? no.\n"); }, "Unable to parse certificate"},
   };
   for (auto const& r : rows) {
@@ -244,7 +246,7 @@ TEST_F(Tls, EveryOtherPinIsRefused) {
 
 // multi.quenlib.test resolves to ::1, then 127.0.0.1 (withHosts).
 TEST_F(Tls, SeveralAddressesKeepTheLastAddresssConnection) {
-  pin(readFile(m_dir / "a.crt"));
+  pin(ReadFile(m_dir / "a.crt"));
   std::string const hosts = "::1 multi.quenlib.test\n127.0.0.1 multi.quenlib.test\n";
   auto open = [](unsigned short port, bool tls) {
     return [port, tls] {
@@ -259,7 +261,8 @@ TEST_F(Tls, SeveralAddressesKeepTheLastAddresssConnection) {
   Child firstOnly({"openssl", "s_server", "-accept", "[::1]:" + std::to_string(port6), "-cert", m_dir / "a.crt",
                    "-key", m_dir / "a.key"},
                   m_dir / "server6.out");
-  ASSERT_TRUE(eventually([&] { return readFile(m_dir / "server6.out").find("ACCEPT") != std::string::npos; }));
+  ASSERT_TRUE(
+      WaitFor([&] { return ReadFile(m_dir / "server6.out").find("ACCEPT") != std::string::npos; }));
   EXPECT_EQ(withHosts(hosts, open(port6, false)), 0);  // plain stops at the first connect
   EXPECT_EQ(withHosts(hosts, open(port6, true)), 1);   // verified, then given up for the refused last address
 }

@@ -4,29 +4,18 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
 using namespace nettest;
 
 namespace {
 
-class QuenNet : public ::testing::Test {
+class QuenNet : public quentest::QuenTest {
  protected:
-  void SetUp() override {
-    m_quen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
-    if (!std::filesystem::exists(m_quen)) GTEST_SKIP() << "quen is not built";
-  }
   // Exit status and standard output (standard error is dropped).
-  std::pair<int, std::string> run(std::string const& args) const {
-    std::string out;
-    FILE* p = ::popen(("timeout 20 " + m_quen + " " + args + " 2>/dev/null").c_str(), "r");
-    char buf[4096];
-    for (size_t n; p && (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-    int const st = p ? ::pclose(p) : -1;
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
+  static std::pair<int, std::string> run(std::string const& args) {
+    return runQuen(args, "", false);
   }
-  std::string m_quen;
   ScratchDir m_dir;
 };
 

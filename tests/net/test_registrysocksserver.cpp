@@ -15,8 +15,6 @@ using namespace nettest;
 
 namespace {
 
-std::string str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
-
 Registry_SocksServer server(int version, char const* name, int port, char const* user = nullptr,
                             char const* password = "") {
   Registry_SocksServer s;

@@ -17,6 +17,8 @@
 #include <string>
 #include <thread>
 
+#include "concurrency/concurrency_support.h"
+
 using namespace QuenLibA500;
 
 namespace {
@@ -26,17 +28,6 @@ char const* const kChild = QUENLIB_PIPE_CHILD;
 std::string Str(SAnsiString const& s) { return std::string(s.getString(), s.getLength()); }
 
 CParamLineArgs Args(std::vector<std::string> words) { return CParamLineArgs(std::move(words)); }
-
-// Waits up to five seconds for a condition.
-template <class Fn>
-bool Eventually(Fn fn) {
-  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!fn()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
 
 // A child that talks frames, killed at the end of the test whatever happens.
 struct TalkingChild {
@@ -141,7 +132,7 @@ TEST(CSIProcess, ExistenceOfProcessesAndZombies) {
   ASSERT_TRUE(CSIProcess::NewProcessAsyncEx(kChild, args, child, true, nullptr));
   unsigned long const pid = child.getpid();
   // Ended but not yet reaped: a zombie, which does not exist.
-  EXPECT_TRUE(Eventually([&] { return !CSIProcess::ProcessExists(pid); }));
+  EXPECT_TRUE(conctest::WaitFor([&] { return !CSIProcess::ProcessExists(pid); }));
   signed char code = 0;
   EXPECT_FALSE(child.exists(code));
   EXPECT_EQ(code, 4);
@@ -160,7 +151,8 @@ TEST(CSIProcess, AbandonedChildrenAreReaped) {
     EXPECT_EQ(copy.getpid(), running.getpid());
     pid = running.getpid();
   }
-  EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists("/proc/" + std::to_string(pid)); }));
+  EXPECT_TRUE(
+      conctest::WaitFor([&] { return !std::filesystem::exists("/proc/" + std::to_string(pid)); }));
 }
 
 TEST(CSIProcess, CapturesStandardOutputAndRemovesItsFile) {

@@ -12,6 +12,8 @@
 #include <string>
 #include <unistd.h>
 
+#include "text/text_support.h"
+
 namespace securitytest {
 
 namespace fs = std::filesystem;
@@ -36,14 +38,8 @@ inline std::string Bytes(QuenLibA500::SSimpleBuffer const& b) {
   return std::string(reinterpret_cast<char const*>(static_cast<unsigned char const*>(b)), b.getNBytes());
 }
 
-inline void WriteFile(fs::path const& p, std::string const& bytes) { std::ofstream(p, std::ios::binary) << bytes; }
-
-inline std::string ReadFile(fs::path const& p) {
-  std::ifstream in(p, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using quentest::ReadFile;
+using quentest::WriteFile;
 
 // Runs a shell command and gives its standard output ("" on failure).
 inline std::string Shell(std::string const& command, int* status = nullptr) {

@@ -21,6 +21,9 @@
 #include <thread>
 #include <vector>
 
+#include "concurrency/concurrency_support.h"
+#include "text/text_support.h"
+
 namespace servertest {
 
 namespace fs = std::filesystem;
@@ -32,21 +35,11 @@ inline fs::path ScratchDir(std::string const& name) {
   return dir;
 }
 
-inline std::string ReadFile(fs::path const& p) {
-  std::ifstream in(p);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using quentest::ReadFile;
 
 template <class Fn>
 bool Eventually(Fn fn, int seconds = 10) {
-  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (!fn()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
+  return conctest::WaitFor(fn, std::chrono::seconds(seconds));
 }
 
 // A child process killed and reaped when the test ends, whatever happens.

@@ -4,18 +4,16 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 
+#include "text/text_support.h"
+
 using namespace QuenLibA500;
-namespace fs = std::filesystem;
+using quentest::ReadFile;
+using quentest::TempDir;
+using quentest::WriteFile;
 
 namespace {
 
@@ -36,30 +34,6 @@ std::string Sample(size_t size) {
   while (s.size() < size) s += "line " + std::to_string(rng() % 1000) + " of the sample\n";
   s.resize(size);
   return s;
-}
-
-class ScratchDir {
- public:
-  ScratchDir() {
-    char tmpl[] = "/tmp/zlibtestXXXXXX";
-    m_path = ::mkdtemp(tmpl);
-  }
-  ~ScratchDir() { fs::remove_all(m_path); }
-  std::string file(char const* name) const { return m_path + "/" + name; }
-
- private:
-  std::string m_path;
-};
-
-void WriteFile(std::string const& path, std::string const& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::string ReadFile(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
 }
 
 bool RunPython(std::string const& code) {
@@ -159,19 +133,19 @@ TEST(Compression, GzipMembersConcatenateAndZlibRefusesTrailingData) {
 }
 
 TEST(Compression, FilesStreamAndAFailureLeavesNoOutput) {
-  ScratchDir dir;
+  TempDir dir;
   std::string const original = Sample(1 << 20);
-  WriteFile(dir.file("in"), original);
+  WriteFile(dir / "in", original);
   SCompression z(SCompression::fmtGzip);
-  ASSERT_TRUE(z.compressFile(dir.file("in").c_str(), dir.file("in.gz").c_str()));
-  ASSERT_TRUE(z.decompressFile(dir.file("in.gz").c_str(), dir.file("back").c_str()));
-  EXPECT_EQ(ReadFile(dir.file("back")), original);
+  ASSERT_TRUE(z.compressFile((dir / "in").c_str(), (dir / "in.gz").c_str()));
+  ASSERT_TRUE(z.decompressFile((dir / "in.gz").c_str(), (dir / "back").c_str()));
+  EXPECT_EQ(ReadFile(dir / "back"), original);
 
-  WriteFile(dir.file("cut.gz"), ReadFile(dir.file("in.gz")).substr(0, 1000));
-  EXPECT_FALSE(z.decompressFile(dir.file("cut.gz").c_str(), dir.file("cut").c_str()));
+  WriteFile(dir / "cut.gz", ReadFile(dir / "in.gz").substr(0, 1000));
+  EXPECT_FALSE(z.decompressFile((dir / "cut.gz").c_str(), (dir / "cut").c_str()));
   EXPECT_EQ(z.getStatus(), SCompression::stTruncated);
-  EXPECT_FALSE(fs::exists(dir.file("cut")));
-  EXPECT_FALSE(z.compressFile(dir.file("missing").c_str(), dir.file("x").c_str()));
+  EXPECT_FALSE(std::filesystem::exists(dir / "cut"));
+  EXPECT_FALSE(z.compressFile((dir / "missing").c_str(), (dir / "x").c_str()));
   EXPECT_EQ(z.getStatus(), SCompression::stIoError);
   EXPECT_NE(std::string(z.getReason().getString()).find("missing"), std::string::npos);
 }
@@ -179,20 +153,20 @@ TEST(Compression, FilesStreamAndAFailureLeavesNoOutput) {
 TEST(Compression, PythonReadsOursAndWeReadPythons) {
   if (std::system("python3 -c 'import zlib, gzip' >/dev/null 2>&1") != 0)
     GTEST_SKIP() << "python3 with zlib and gzip is not installed";
-  ScratchDir dir;
+  TempDir dir;
   std::string const original = Sample(150000);
-  WriteFile(dir.file("plain"), original);
+  WriteFile(dir / "plain", original);
   SCompression gz(SCompression::fmtGzip), zl(SCompression::fmtZlib);
-  ASSERT_TRUE(gz.compressFile(dir.file("plain").c_str(), dir.file("ours.gz").c_str()));
-  ASSERT_TRUE(zl.compressFile(dir.file("plain").c_str(), dir.file("ours.z").c_str()));
-  std::string const d = dir.file("");
+  ASSERT_TRUE(gz.compressFile((dir / "plain").c_str(), (dir / "ours.gz").c_str()));
+  ASSERT_TRUE(zl.compressFile((dir / "plain").c_str(), (dir / "ours.z").c_str()));
+  std::string const d = dir / "";
   ASSERT_TRUE(RunPython("import gzip, zlib; d=\"" + d + "\"; p=open(d+\"plain\",\"rb\").read();"
                         "assert gzip.decompress(open(d+\"ours.gz\",\"rb\").read()) == p;"
                         "assert zlib.decompress(open(d+\"ours.z\",\"rb\").read()) == p;"
                         "open(d+\"theirs.gz\",\"wb\").write(gzip.compress(p, 9));"
                         "open(d+\"theirs.z\",\"wb\").write(zlib.compress(p, 1))"));
-  ASSERT_TRUE(gz.decompressFile(dir.file("theirs.gz").c_str(), dir.file("from.gz").c_str()));
-  ASSERT_TRUE(gz.decompressFile(dir.file("theirs.z").c_str(), dir.file("from.z").c_str()));
-  EXPECT_EQ(ReadFile(dir.file("from.gz")), original);
-  EXPECT_EQ(ReadFile(dir.file("from.z")), original);
+  ASSERT_TRUE(gz.decompressFile((dir / "theirs.gz").c_str(), (dir / "from.gz").c_str()));
+  ASSERT_TRUE(gz.decompressFile((dir / "theirs.z").c_str(), (dir / "from.z").c_str()));
+  EXPECT_EQ(ReadFile(dir / "from.gz"), original);
+  EXPECT_EQ(ReadFile(dir / "from.z"), original);
 }

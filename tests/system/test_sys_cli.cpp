@@ -1,15 +1,8 @@
 // quen sys info, quen zip/unzip and quen env expand end to end.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
-namespace fs = std::filesystem;
+#include "text/text_support.h"
 
 namespace {
 
@@ -18,20 +11,13 @@ struct Outcome {
   std::string out;
 };
 
-class QuenSys : public ::testing::Test {
+class QuenSys : public quentest::QuenTest {
  protected:
-  void SetUp() override {
-    quen = std::string(QUENLIB_BINARY_DIR) + "/tools/quen/quen";
-    if (!fs::exists(quen)) GTEST_SKIP() << "quen is not built";
-    char tmpl[] = "/tmp/quensysXXXXXX";
-    dir = ::mkdtemp(tmpl);
-  }
-  void TearDown() override {
-    if (!dir.empty()) fs::remove_all(dir);
-  }
-  // Runs a shell command line with $Q set to quen; stdout and stderr.
+  // Runs a shell command line with $Q set to quen, in a scratch directory:
+  // stdout and stderr.
   Outcome run(std::string const& line) const {
-    std::string const cmd = "cd " + dir + " && Q=" + quen + " timeout 60 sh -c '" + line + "' 2>&1";
+    std::string const cmd = "cd " + dir.path + " && Q=" + quentest::QuenPath() +
+                            " timeout 60 sh -c '" + line + "' 2>&1";
     Outcome r{-1, {}};
     FILE* p = popen(cmd.c_str(), "r");
     if (!p) return r;
@@ -41,7 +27,7 @@ class QuenSys : public ::testing::Test {
     r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     return r;
   }
-  std::string quen, dir;
+  quentest::TempDir dir;
 };
 
 }  // namespace
