@@ -63,6 +63,28 @@ void BM_Copy1KiB_StdU16String(benchmark::State& state) {
 }
 BENCHMARK(BM_Copy1KiB_StdU16String);
 
+// ---- copying at 64 B, 1 KiB, 64 KiB and 1 MiB: a shared buffer costs the
+// same at every size, a deep copy grows with the text
+
+void BM_CopySized_SAnsiString(benchmark::State& state) {
+  SAnsiString src(RandomText(static_cast<size_t>(state.range(0)), 1).c_str());
+  for (auto _ : state) {
+    SAnsiString copy(src);
+    benchmark::DoNotOptimize(copy.getString());
+  }
+}
+BENCHMARK(BM_CopySized_SAnsiString)->Arg(64)->Arg(1024)->Arg(64 << 10)->Arg(1 << 20);
+
+void BM_CopySized_StdString(benchmark::State& state) {
+  std::string src = RandomText(static_cast<size_t>(state.range(0)), 1);
+  benchmark::DoNotOptimize(src.data());
+  for (auto _ : state) {
+    std::string copy(src);
+    benchmark::DoNotOptimize(copy.data());
+  }
+}
+BENCHMARK(BM_CopySized_StdString)->Arg(64)->Arg(1024)->Arg(64 << 10)->Arg(1 << 20);
+
 // ---- appending one character a million times
 
 constexpr int kAppends = 1000000;

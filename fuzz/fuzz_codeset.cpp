@@ -4,7 +4,7 @@
 // decoding agrees with ICU's own decoder (strict UTF-8 gives "?" exactly
 // when ICU rejects the bytes); encoding the decoded text and decoding it
 // again gives the same text, with U+FFFD turned into "?"; Latin1 and 1252
-// agree.
+// agree; the single-byte table path equals the general converter path.
 #include <quenlib/codesetconverter.h>
 #include <quenlib/paramlineargs.h>
 #include <quenlib/slogger.h>
@@ -112,6 +112,16 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
                          : cs == MB::ECS_Latin9 ? "ISO-8859-15"
                                                 : "windows-1252";
       check(text == icuDecode(name, bytes));
+      // The single-byte pages take a table path; the general path (the
+      // thread's ICU converter, then UTF-16 to UTF-8) must agree with it.
+      std::u16string wide;
+      check(MB::CodePageToUTF16(cs, bytes.data(), bytes.size(), wide));
+      std::string general(wide.size() * 3, '\0');
+      utf::Outcome const r = utf::utf16ToUtf8(wide.data(), wide.size(),
+                                              reinterpret_cast<unsigned char*>(general.data()),
+                                              general.size());
+      general.resize(r.written);
+      check(r.result == utf::Result::ok && text == general);
       check(utf::isValidUtf8(reinterpret_cast<unsigned char const*>(text.data()), text.size()));
       std::string const again = MB::ExplicitCodesetToLocale(encode(text, cs).c_str(),
                                                             encode(text, cs).size(), cs);

@@ -17,13 +17,16 @@
 // Multi-statement changes run in BEGIN IMMEDIATE transactions, so readers in
 // other processes see a change whole or not at all (WAL). Connections are
 // closed before fork() and reopened lazily on both sides, because an SQLite
-// connection must never be used by two processes.
+// connection must never be used by two processes. Values read are kept per
+// process and handed out again while the change marks beside the store say
+// that no write of the library has happened since (see ChangeMarks).
 #include <quenlib/regapi.h>
 #include <quenlib/senvironment.h>
 
 #include <fcntl.h>
 #include <pthread.h>
 #include <sqlite3.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unicode/uchar.h>
@@ -34,7 +37,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <atomic>
 #include <map>
+#include <unordered_map>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -317,6 +322,31 @@ class StmtUse {
   sqlite3_stmt* s_;
 };
 
+// The change marks every writer of the library keeps in a small file
+// beside the store ("<store>-gen"), mapped shared by every process that
+// opens the store. `generation` grows by one when a write starts and again
+// when it ends; `writing` counts writes under way. A value read while
+// `writing` is 0 may be kept and handed out again for as long as
+// `generation` stays the same: one atomic load instead of a read
+// transaction. A writer holds a shared lock on the file while it writes,
+// so a writer that died mid-write (its `writing` mark left behind) is told
+// from a live one by the lock having gone with it.
+struct ChangeMarks {
+  std::atomic<uint64_t> generation;
+  std::atomic<uint32_t> writing;
+};
+static_assert(std::atomic<uint64_t>::is_always_lock_free && std::atomic<uint32_t>::is_always_lock_free,
+              "the change marks are shared between processes");
+
+constexpr size_t kMarksBytes = 4096;
+constexpr size_t kMaxCachedValues = 4096;
+
+struct CachedValue {
+  uint64_t generation;
+  DWORD type;
+  std::string data;
+};
+
 class Store {
  public:
   Store(std::string path, mode_t fileMode, mode_t dirMode, bool mayCreate)
@@ -370,7 +400,49 @@ class Store {
     return sqlite3_step(s);
   }
 
+  // The generation under which a value read now may be kept; false when
+  // no value may be kept (no marks file, or a write under way).
+  bool cacheGeneration(uint64_t& generation) {
+    if (marks_ == nullptr) return false;
+    uint64_t const g = marks_->generation.load();
+    uint32_t const w = marks_->writing.load();
+    if (w != 0 && !clearDeadWriters(w)) return false;
+    generation = g;
+    return w == 0;
+  }
+
+  CachedValue const* cached(std::string const& key, uint64_t generation) const {
+    auto it = cache_.find(key);
+    return it != cache_.end() && it->second.generation == generation ? &it->second : nullptr;
+  }
+
+  void keep(std::string key, uint64_t generation, DWORD type, void const* blob, int len) {
+    if (cache_.size() >= kMaxCachedValues) cache_.clear();
+    CachedValue& v = cache_[std::move(key)];
+    v.generation = generation;
+    v.type = type;
+    v.data.assign(static_cast<char const*>(blob), static_cast<size_t>(len));
+  }
+
+  // Marks the start and the end of a write (called with mu held).
+  void beginWrite() {
+    if (marks_ == nullptr || !marksWritable_) return;
+    struct flock lk = lockRange(F_RDLCK);
+    ::fcntl(marksFd_, F_OFD_SETLKW, &lk);
+    marks_->writing.fetch_add(1);
+    marks_->generation.fetch_add(1);
+  }
+  void endWrite() {
+    if (marks_ == nullptr || !marksWritable_) return;
+    marks_->generation.fetch_add(1);
+    marks_->writing.fetch_sub(1);
+    struct flock lk = lockRange(F_UNLCK);
+    ::fcntl(marksFd_, F_OFD_SETLK, &lk);
+  }
+
   void close() {
+    unmapMarks();
+    cache_.clear();
     for (auto& s : stmts_) {
       if (s) sqlite3_finalize(s);
       s = nullptr;
@@ -423,7 +495,65 @@ class Store {
       }
     }
     writable_ = canWrite;
+    mapMarks(canWrite);
     return ERROR_SUCCESS;
+  }
+
+  static struct flock lockRange(short type) {
+    struct flock lk {};
+    lk.l_type = type;
+    lk.l_whence = SEEK_SET;
+    lk.l_start = 0;
+    lk.l_len = 1;
+    return lk;
+  }
+
+  // Writers make the marks file (same mode as the store); readers map it
+  // when it is there. Without it nothing is cached.
+  void mapMarks(bool canWrite) {
+    std::string const marksPath = path_ + "-gen";
+    int fd = -1;
+    if (canWrite) {
+      fd = ::open(marksPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, fileMode_);
+      if (fd >= 0 && ::ftruncate(fd, kMarksBytes) != 0) {
+        ::close(fd);
+        fd = -1;
+      }
+    } else {
+      fd = ::open(marksPath.c_str(), O_RDWR | O_CLOEXEC);
+      if (fd < 0) fd = ::open(marksPath.c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    if (fd < 0) return;
+    int const mode = ::fcntl(fd, F_GETFL) & O_ACCMODE;
+    bool const rw = mode == O_RDWR;
+    void* m = ::mmap(nullptr, kMarksBytes, rw ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+    if (m == MAP_FAILED) {
+      ::close(fd);
+      return;
+    }
+    marks_ = static_cast<ChangeMarks*>(m);
+    marksFd_ = fd;
+    marksWritable_ = rw;
+  }
+
+  void unmapMarks() {
+    if (marks_ != nullptr) ::munmap(marks_, kMarksBytes);
+    if (marksFd_ >= 0) ::close(marksFd_);
+    marks_ = nullptr;
+    marksFd_ = -1;
+    marksWritable_ = false;
+  }
+
+  // `writing` was w: if no live writer holds the lock, the writers that
+  // left it died mid-write, so their marks are cleared (unless a new
+  // writer changed the count meanwhile). True when cleared.
+  bool clearDeadWriters(uint32_t w) {
+    if (!marksWritable_) return false;
+    struct flock lk = lockRange(F_WRLCK);
+    if (::fcntl(marksFd_, F_OFD_GETLK, &lk) != 0 || lk.l_type != F_UNLCK) return false;
+    if (!marks_->writing.compare_exchange_strong(w, 0)) return false;
+    marks_->generation.fetch_add(1);
+    return true;
   }
 
   int createSchema() {
@@ -441,6 +571,22 @@ class Store {
   sqlite3* db_ = nullptr;
   bool writable_ = false;
   sqlite3_stmt* stmts_[kStmtCount] = {};
+  ChangeMarks* marks_ = nullptr;
+  int marksFd_ = -1;
+  bool marksWritable_ = false;
+  std::unordered_map<std::string, CachedValue> cache_;  // "id:name" -> value
+};
+
+// Marks one write of the library on a store for other readers' caches.
+class WriteMark {
+ public:
+  explicit WriteMark(Store& s) : s_(s) { s_.beginWrite(); }
+  ~WriteMark() { s_.endWrite(); }
+  WriteMark(WriteMark const&) = delete;
+  WriteMark& operator=(WriteMark const&) = delete;
+
+ private:
+  Store& s_;
 };
 
 // All stores ever opened, by file path. Stores live until the process ends;
@@ -674,6 +820,7 @@ LONG RegCreateKeyExA(HKEY key, LPCSTR subKey, DWORD, LPSTR, DWORD, REGSAM access
   bool created = false;
   int64_t id = parts.empty() ? (keyAlive(s, ref.id) ? ref.id : 0) : findKey(s, path);
   if (id <= 0) {
+    WriteMark mark(s);
     int step = s.exec(kBegin);
     if (step != SQLITE_DONE) return sqliteStatus(step);
     id = createPath(s, ref, parts, openToEverybody(security), created);
@@ -701,6 +848,16 @@ LONG RegQueryValueExA(HKEY key, LPCSTR name, DWORD* reserved, DWORD* type, BYTE*
   std::lock_guard<std::mutex> lock(s.mu);
   rc = prepare(ref, KEY_QUERY_VALUE, false);
   if (rc != ERROR_SUCCESS) return rc;
+  uint64_t generation = 0;
+  bool const mayKeep = s.cacheGeneration(generation);
+  std::string cacheKey;
+  if (mayKeep) {
+    cacheKey = std::to_string(ref.id) + ':' + nameFold;
+    if (CachedValue const* v = s.cached(cacheKey, generation)) {
+      if (type) *type = v->type;
+      return copyData(v->data.data(), static_cast<int>(v->data.size()), data, size);
+    }
+  }
   sqlite3_stmt* st = s.stmt(kGetValue);
   if (!st) return ERROR_FILE_NOT_FOUND;  // a read-only store without tables
   StmtUse use(st);
@@ -709,9 +866,12 @@ LONG RegQueryValueExA(HKEY key, LPCSTR name, DWORD* reserved, DWORD* type, BYTE*
   int step = sqlite3_step(st);
   if (step == SQLITE_DONE) return ERROR_FILE_NOT_FOUND;
   if (step != SQLITE_ROW) return sqliteStatus(step);
-  if (type) *type = static_cast<DWORD>(sqlite3_column_int64(st, 0));
+  auto const valueType = static_cast<DWORD>(sqlite3_column_int64(st, 0));
+  if (type) *type = valueType;
   void const* blob = sqlite3_column_blob(st, 1);
-  return copyData(blob, sqlite3_column_bytes(st, 1), data, size);
+  int const len = sqlite3_column_bytes(st, 1);
+  if (mayKeep) s.keep(std::move(cacheKey), generation, valueType, blob, len);
+  return copyData(blob, len, data, size);
 }
 
 LONG RegSetValueExA(HKEY key, LPCSTR name, DWORD, DWORD type, BYTE const* data, DWORD size) {
@@ -733,6 +893,7 @@ LONG RegSetValueExA(HKEY key, LPCSTR name, DWORD, DWORD type, BYTE const* data, 
   if (rc != ERROR_SUCCESS) return rc;
   sqlite3_stmt* st = s.stmt(kSetValue);
   if (!st) return ERROR_REGISTRY_IO_FAILED;
+  WriteMark mark(s);
   // One statement is one transaction: readers see the old value or the new
   // one, never a part.
   StmtUse use(st);
@@ -822,6 +983,7 @@ LONG RegDeleteKeyA(HKEY key, LPCSTR subKey) {
   std::lock_guard<std::mutex> lock(s.mu);
   rc = s.open(true);
   if (rc != ERROR_SUCCESS) return rc;
+  WriteMark mark(s);
   int step = s.exec(kBegin);
   if (step != SQLITE_DONE) return sqliteStatus(step);
   int64_t id = findKey(s, path);
@@ -865,6 +1027,7 @@ LONG RegDeleteValueA(HKEY key, LPCSTR name) {
   if (rc != ERROR_SUCCESS) return rc;
   sqlite3_stmt* st = s.stmt(kDeleteValue);
   if (!st) return ERROR_REGISTRY_IO_FAILED;
+  WriteMark mark(s);
   StmtUse use(st);
   sqlite3_bind_int64(st, 1, ref.id);
   sqlite3_bind_text(st, 2, nameFold.data(), static_cast<int>(nameFold.size()), SQLITE_STATIC);

@@ -16,9 +16,13 @@
 #include <unicode/ucnv.h>
 
 #include <langinfo.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -358,6 +362,168 @@ bool knownCodeset(MBCSCodesetConverter::ExplicitCodeset cs) {
   return cs >= MBCSCodesetConverter::ECS_Native && cs <= MBCSCodesetConverter::ECS_Latin9;
 }
 
+// A code page of one byte per character decodes byte by byte, so its UTF-8
+// form is a table look-up: each byte's UTF-8 sequence (1 to 3 bytes, as
+// ICU decodes that byte alone) packed into 4 bytes with the length on top.
+// The table is built once per code page from the same ICU converter the
+// general path uses, so both give the same text.
+class SingleByteTable {
+ public:
+  explicit SingleByteTable(int slot) { usable_ = build(slot); }
+  bool usable() const noexcept { return usable_; }
+
+  // Writes the UTF-8 form of in[0..n) to out (room for 3 n bytes plus 13
+  // bytes of slack, since ASCII runs are stored 16 bytes at a time);
+  // returns the bytes written.
+  size_t decode(unsigned char const* in, size_t n, char* out) const noexcept {
+    char* const start = out;
+    size_t i = blocks(in, n, out);
+    while (i < n) {
+      size_t const run = asciiRun(in + i, n - i, out);
+      i += run;
+      out += run;
+      if (i == n) break;
+      uint32_t const e = entry_[in[i++]];
+      std::memcpy(out, &e, 4);
+      out += e >> 24;
+    }
+    return static_cast<size_t>(out - start);
+  }
+
+ private:
+  // The input 16 bytes at a time while 32 remain (the loads below reach up
+  // to 31 bytes past the block start). Each block is stored whole; every
+  // byte from 0x80 up is then written from the table and the bytes after
+  // it stored again, shifted. The bit mask of such bytes is walked without
+  // reloading, so a block's characters do not wait on one another.
+  // Returns the input consumed; `out` moves past what was written.
+  size_t blocks(unsigned char const* in, size_t n, char*& out) const noexcept {
+    size_t i = 0;
+#if defined(__SSE2__)
+    for (; n - i >= 32; i += 16) {
+      __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(in + i));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out), v);
+      auto high = static_cast<unsigned>(_mm_movemask_epi8(v));
+      unsigned done = 0;  // bytes of the block already placed
+      while (high != 0) {
+        auto const k = static_cast<unsigned>(__builtin_ctz(high));
+        high &= high - 1;
+        out += k - done;
+        uint32_t const e = entry_[in[i + k]];
+        std::memcpy(out, &e, 4);
+        out += e >> 24;
+        done = k + 1;
+        __m128i const rest = _mm_loadu_si128(reinterpret_cast<__m128i const*>(in + i + done));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), rest);
+      }
+      out += 16 - done;
+    }
+#endif
+    return i;
+  }
+
+  // Copies the bytes below 0x80 at the start of in (16 at a time, each
+  // block stored whole) and returns how many there were.
+  static size_t asciiRun(unsigned char const* in, size_t n, char* out) noexcept {
+    size_t i = 0;
+#if defined(__SSE2__)
+    while (n - i >= 16) {
+      __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(in + i));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), v);
+      auto const high = static_cast<unsigned>(_mm_movemask_epi8(v));
+      if (high != 0) return i + static_cast<size_t>(__builtin_ctz(high));
+      i += 16;
+    }
+#endif
+    while (i < n && in[i] < 0x80) {
+      out[i] = static_cast<char>(in[i]);
+      ++i;
+    }
+    return i;
+  }
+
+  bool build(int slot) {
+    UErrorCode ec = U_ZERO_ERROR;
+    UConverter* c = ucnv_open(kIcuNames[slot], &ec);
+    if (U_FAILURE(ec)) return false;
+    ucnv_setSubstChars(c, "?", 1, &ec);
+    bool ok = ucnv_getMaxCharSize(c) == 1;
+    for (int b = 0; ok && b < 256; ++b) ok = addByte(c, b);
+    ucnv_close(c);
+    return ok;
+  }
+
+  bool addByte(UConverter* c, int b) {
+    char const byte = static_cast<char>(b);
+    UChar u[4];
+    UErrorCode ec = U_ZERO_ERROR;
+    ucnv_reset(c);
+    int32_t const n = ucnv_toUChars(c, u, 4, &byte, 1, &ec);
+    if (U_FAILURE(ec) || n != 1 || (u[0] >= 0xD800 && u[0] < 0xE000)) return false;
+    if (b < 0x80 && u[0] != b) return false;  // ASCII runs are copied as they stand
+    unsigned char seq[4] = {0, 0, 0, 0};
+    utf::Outcome const r = utf::utf16ToUtf8(reinterpret_cast<WChar const*>(u), 1, seq, 3);
+    if (r.result != utf::Result::ok) return false;
+    uint32_t e = 0;
+    std::memcpy(&e, seq, 3);
+    entry_[b] = e | static_cast<uint32_t>(r.written) << 24;
+    return true;
+  }
+
+  uint32_t entry_[256] = {};
+  bool usable_ = false;
+};
+
+// The table for cs when it is a usable single-byte code page, else null.
+SingleByteTable const* singleByteTable(MBCSCodesetConverter::ExplicitCodeset cs) {
+  int const slot = slotFor(cs);
+  if (slot == 0) {
+    static SingleByteTable const t(0);
+    return t.usable() ? &t : nullptr;
+  }
+  if (slot == 2) {
+    static SingleByteTable const t(2);
+    return t.usable() ? &t : nullptr;
+  }
+  return nullptr;
+}
+
+// Where the table path writes: the worst case is three times the input,
+// which for large texts would be a fresh, zero-filled mapping on every
+// call. A per-thread scratch area keeps its pages between calls (up to
+// kKeptScratch bytes); the result is then copied out at its exact size.
+constexpr size_t kKeptScratch = size_t{1} << 20;
+
+class Utf8Scratch {
+ public:
+  char* reserve(size_t bytes) {
+    std::string& s = bytes <= kKeptScratch ? kept() : large_;
+    if (s.size() < bytes) s.resize(bytes);
+    return s.data();
+  }
+
+ private:
+  static std::string& kept() {
+    thread_local std::string s;
+    return s;
+  }
+  std::string large_;
+};
+
+// The UTF-8 form of single-byte code page text for a UTF-8 locale, handed
+// to sink(pointer, length); false when the code page has no table.
+template <class Sink>
+bool singleByteToUtf8(MBCSCodesetConverter::ExplicitCodeset cs, char const* bytes, size_t n,
+                      Sink const& sink) {
+  SingleByteTable const* t = singleByteTable(cs);
+  if (t == nullptr || n > SIZE_MAX / 4) return false;
+  Utf8Scratch scratch;
+  char* out = scratch.reserve(n * 3 + 16);
+  size_t const len = t->decode(reinterpret_cast<unsigned char const*>(bytes), n, out);
+  sink(out, len);
+  return true;
+}
+
 }  // namespace
 
 bool MBCSCodesetConverter::CodePageToUTF16(ExplicitCodeset cs, char const* bytes, size_t n,
@@ -421,6 +587,9 @@ std::string MBCSCodesetConverter::ExplicitCodesetToLocale(char const* bytes, siz
   n = localeconv::boundedLength(bytes, n);
   if (n == 0) return std::string();
   if (cs == ECS_Native) return std::string(bytes, n);
+  std::string direct;
+  auto toString = [&direct](char const* p, size_t len) { direct.assign(p, len); };
+  if (localeconv::isUtf8Locale() && singleByteToUtf8(cs, bytes, n, toString)) return direct;
   std::u16string wide;
   if (cs == ECS_UTF8) {
     wide.resize(n);
@@ -475,6 +644,16 @@ SSimpleBuffer MBCSCodesetConverter::LocaleToExplicitCodeset(char const* text, si
 }
 
 SAnsiString MBCSCodesetConverter::ExplicitCodesetToT(char const* bytes, ExplicitCodeset cs) {
+  if (bytes != nullptr && *bytes != 0 && localeconv::isUtf8Locale()) {
+    // Straight from the table into the string, without the std::string.
+    localeconv::ErrnoGuard keep;
+    SAnsiString direct;
+    auto toSString = [&direct](char const* p, size_t len) {
+      direct = SAnsiString(p, static_cast<unsigned>(len));
+    };
+    size_t const n = std::strlen(bytes);
+    if (n <= UINT32_MAX / 3 && singleByteToUtf8(cs, bytes, n, toSString)) return direct;
+  }
   std::string const text =
       ExplicitCodesetToLocale(bytes, bytes ? std::strlen(bytes) : 0, cs);
   return SAnsiString(text.data(), static_cast<unsigned>(text.size()));

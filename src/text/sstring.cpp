@@ -15,7 +15,20 @@
 
 #include "diagnostics/assert.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define QL_STRING_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QL_STRING_ASAN 1
+#endif
+#endif
+#if defined(QL_STRING_ASAN)
+#include <sanitizer/asan_interface.h>
+#endif
+
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <climits>
 #include <cwchar>
 #include <cwctype>
@@ -421,13 +434,127 @@ constexpr uint32_t kMaxAlloc = 0xFFFFFFDFu;
 // The largest length copyOnWrite accepts: need + 33 must not overflow.
 constexpr uint32_t kMaxNeed = 0xFFFFFFDEu;
 
+// Short strings come and go far more often than long ones, and a heap
+// allocation plus its release costs more than writing a short text. Blocks
+// of up to kSmallBlock bytes are therefore all allocated at that size and,
+// when released, kept in a per-thread list (at most kCachedBlocks) for the
+// next short string of any flavour. The list is drained at thread exit;
+// a block released after that goes back to the heap.
+constexpr size_t kSmallBlock = 96;
+constexpr unsigned kCachedBlocks = 64;
+
+struct CachedBlock {
+  CachedBlock* next;
+};
+
+struct BlockCache {
+  CachedBlock* head;
+  unsigned count;
+  unsigned char state;  // 0 not yet used, 1 open, 2 closed (thread ending)
+};
+
+// Plain data in the static TLS block: one %fs-relative access, no guard.
+thread_local BlockCache tlsBlocks __attribute__((tls_model("initial-exec"))) = {nullptr, 0, 0};
+
+void PoisonBlock(void* p) noexcept {
+#if defined(QL_STRING_ASAN)
+  ASAN_POISON_MEMORY_REGION(static_cast<char*>(p) + sizeof(CachedBlock),
+                            kSmallBlock - sizeof(CachedBlock));
+#else
+  (void)p;
+#endif
+}
+
+void UnpoisonBlock(void* p) noexcept {
+#if defined(QL_STRING_ASAN)
+  ASAN_UNPOISON_MEMORY_REGION(p, kSmallBlock);
+#else
+  (void)p;
+#endif
+}
+
+struct BlockCacheCloser {
+  ~BlockCacheCloser() {
+    BlockCache& c = tlsBlocks;
+    c.state = 2;
+    while (c.head) {
+      CachedBlock* b = c.head;
+      UnpoisonBlock(b);
+      c.head = b->next;
+      std::free(b);
+    }
+    c.count = 0;
+  }
+};
+
+// Opens the cache on its first use by this thread, registering the drain
+// at thread exit.
+void OpenBlockCache(BlockCache& c) noexcept {
+  static thread_local BlockCacheCloser closer;
+  (void)&closer;
+  c.state = 1;
+}
+
+void* AllocBlock(size_t bytes) noexcept {
+  if (bytes > kSmallBlock) return std::malloc(bytes);
+  BlockCache& c = tlsBlocks;
+  CachedBlock* b = c.head;
+  if (b == nullptr) return std::malloc(kSmallBlock);
+  UnpoisonBlock(b);
+  c.head = b->next;
+  --c.count;
+  return b;
+}
+
+void ReleaseBlock(void* p, size_t bytes) noexcept {
+  if (bytes <= kSmallBlock) {
+    BlockCache& c = tlsBlocks;
+    if (c.state == 0) OpenBlockCache(c);
+    if (c.state == 1 && c.count < kCachedBlocks) {
+      auto* b = static_cast<CachedBlock*>(p);
+      b->next = c.head;
+      c.head = b;
+      ++c.count;
+      PoisonBlock(b);
+      return;
+    }
+  }
+  std::free(p);
+}
+
 }  // namespace
+
+// memcpy for the short texts most strings hold: two overlapping fixed-size
+// moves inline instead of a library call; long texts go to memcpy.
+void CopyBytes(void* to, void const* from, size_t n) noexcept {
+  auto* d = static_cast<unsigned char*>(to);
+  auto const* s = static_cast<unsigned char const*>(from);
+  if (n > 32) {
+    std::memcpy(d, s, n);
+  } else if (n >= 16) {
+    std::memcpy(d, s, 16);
+    std::memcpy(d + n - 16, s + n - 16, 16);
+  } else if (n >= 8) {
+    std::memcpy(d, s, 8);
+    std::memcpy(d + n - 8, s + n - 8, 8);
+  } else if (n >= 4) {
+    std::memcpy(d, s, 4);
+    std::memcpy(d + n - 4, s + n - 4, 4);
+  } else {
+    for (size_t i = 0; i < n; ++i) d[i] = s[i];
+  }
+}
+
+template <class Unit, int Flag>
+void SString_t<Unit, Flag>::FreeBuffer(SStringBuffer* b) noexcept {
+  ReleaseBlock(b, sizeof(SStringBuffer) + static_cast<size_t>(b->allocated) * sizeof(Unit));
+}
 
 template <class Unit, int Flag>
 void SString_t<Unit, Flag>::allocBuffer(unsigned n) {
   if (n > kMaxAlloc) throw SBadAlloc();
   size_t bytes = sizeof(SStringBuffer) + (static_cast<size_t>(n) + 32) * sizeof(Unit);
-  void* mem = std::malloc(bytes);
+  void* mem = AllocBlock(bytes);
   if (!mem) throw SBadAlloc();
   SStringBuffer* b = new (mem) SStringBuffer(1, 0, n + 32);
   b->getBuffer()[0] = 0;
@@ -436,11 +563,13 @@ void SString_t<Unit, Flag>::allocBuffer(unsigned n) {
 
 namespace {
 
-// Grows (or shrinks) a privately owned block in place to cap units.
+// Grows (or shrinks) a privately owned block in place to cap units. A
+// block never shrinks below kSmallBlock bytes, so any block whose size
+// says "small" can go to the cache of small blocks.
 template <class Buffer, class Unit>
 Buffer* ReallocBlock(Buffer* b, uint32_t cap) {
   size_t bytes = sizeof(Buffer) + static_cast<size_t>(cap) * sizeof(Unit);
-  void* mem = std::realloc(static_cast<void*>(b), bytes);
+  void* mem = std::realloc(static_cast<void*>(b), std::max(bytes, kSmallBlock));
   if (!mem) throw SBadAlloc();  // the old block is still valid and kept
   Buffer* nb = static_cast<Buffer*>(mem);
   nb->allocated = cap;
@@ -523,7 +652,7 @@ void SString_t<Unit, Flag>::assignUnits(Unit const* s, unsigned n) {
   if (n > kMaxNeed) throw SBadAlloc();
   SStringBuffer* old = m_buffer;
   allocBuffer(n + 1);  // s may point into old: copy before releasing it
-  std::memcpy(m_buffer->getBuffer(), s, static_cast<size_t>(n) * sizeof(Unit));
+  CopyBytes(m_buffer->getBuffer(), s, static_cast<size_t>(n) * sizeof(Unit));
   terminateBuffer(n);
   ReleaseBuffer(old);
 }

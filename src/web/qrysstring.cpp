@@ -1,15 +1,12 @@
 // qrysstring.cpp: LIKE-style patterns and the quoting of query values.
 //
 // A pattern is parsed into steps (literal runs, "_", "%", bracket sets),
-// then compiled into atoms over lowered code points. Matching walks the
-// atoms left to right keeping the SET of text positions reachable after
-// each atom (a byte per position). Each (atom, position) pair is thus
-// decided exactly once, which is the memo of "can the rest of the pattern
-// match from here": time is O(pattern x text) and a run of "%" cannot make
-// it explode the way plain backtracking does. The steps before the first
-// "%" and after the last one can match at one place only (the start and
-// the end), so they are checked there directly and the sweep covers the
-// part in between.
+// then compiled into atoms over lowered code points. The atoms before the
+// first "%" and after the last one can match at one place only (the start
+// and the end), so they are checked there directly. Between "%" the atoms
+// form fixed-width segments, each placed at its leftmost match: time is
+// O(pattern x text) and a run of "%" cannot make it explode the way plain
+// backtracking does.
 #include <quenlib/qrysstring.h>
 
 #include <algorithm>
@@ -19,6 +16,10 @@
 #include <cwctype>
 
 #include "diagnostics/assert.h"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace QuenLibA500 {
 
@@ -67,19 +68,126 @@ uint32_t LowerOf(SAnsiString const& ch) {
 
 bool IsWildcardByte(char c) { return c == '%' || c == '_' || c == '[' || c == ']'; }
 
-// The text as the matcher reads it: lowered code points by index.
+// The text as the matcher reads it: lowered code points by index. Each
+// view can narrow itself to a window of the same kind.
 struct AsciiText {
   unsigned char const* p;
   size_t n;
   size_t size() const { return n; }
   uint32_t operator[](size_t i) const { return LowerAscii(p[i]); }
+  AsciiText window(size_t off, size_t len) const { return {p + off, len}; }
 };
 
-struct CodeText {
-  std::vector<uint32_t> const& v;
-  size_t size() const { return v.size(); }
-  uint32_t operator[](size_t i) const { return v[i]; }
+struct CodeSpan {
+  uint32_t const* p;
+  size_t n;
+  size_t size() const { return n; }
+  uint32_t operator[](size_t i) const { return p[i]; }
+  CodeSpan window(size_t off, size_t len) const { return {p + off, len}; }
 };
+
+// Texts up to this many bytes are lowered into a stack array.
+constexpr unsigned kStackCodes = 256;
+
+// True when no byte of p[0..n) is 0x80 or above.
+bool IsAsciiText(char const* p, size_t n) {
+  size_t i = 0;
+  uint64_t high = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t w;
+    std::memcpy(&w, p + i, 8);
+    high |= w;
+  }
+  for (; i < n; ++i) high |= static_cast<unsigned char>(p[i]);
+  return (high & 0x8080808080808080ull) == 0;
+}
+
+// ASCII bytes packed in a word with A-Z lowered (no byte may be 0x80 or
+// above, so adding to a byte never carries into the next).
+template <class Word>
+Word LowerAsciiWord(Word w) {
+  constexpr Word k01 = static_cast<Word>(0x0101010101010101ull);
+  auto const geA = static_cast<Word>(w + static_cast<Word>(k01 * (0x80 - 'A')));
+  auto const gtZ = static_cast<Word>(w + static_cast<Word>(k01 * (0x80 - 'Z' - 1)));
+  return static_cast<Word>(w | ((geA ^ gtZ) & static_cast<Word>(k01 * 0x80)) >> 2);
+}
+
+// Compares n >= Word-size lowered bytes of text with want, a word at a
+// time; the last word overlaps the one before when n is not a multiple.
+template <class Word>
+bool SameLoweredWords(unsigned char const* text, char const* want, size_t n) {
+  Word a, b;
+  for (size_t k = 0; k + sizeof(Word) < n; k += sizeof(Word)) {
+    std::memcpy(&a, text + k, sizeof(Word));
+    std::memcpy(&b, want + k, sizeof(Word));
+    if (LowerAsciiWord(a) != b) return false;
+  }
+  std::memcpy(&a, text + n - sizeof(Word), sizeof(Word));
+  std::memcpy(&b, want + n - sizeof(Word), sizeof(Word));
+  return LowerAsciiWord(a) == b;
+}
+
+// The first p in [from, limit) whose lowered character is c (limit when
+// none). The ASCII view compares 16 bytes at a time against c and, for a
+// letter, its capital: only those two bytes lower to c.
+size_t NextCandidate(CodeSpan const& t, size_t from, size_t limit, uint32_t c) {
+  while (from < limit && t.p[from] != c) ++from;
+  return from;
+}
+
+size_t NextCandidate(AsciiText const& t, size_t from, size_t limit, uint32_t c) {
+  if (c >= 0x80) return limit;
+  auto const lower = static_cast<char>(c);
+  auto const upper = static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c);
+#if defined(__SSE2__)
+  __m128i const lo = _mm_set1_epi8(lower);
+  __m128i const up = _mm_set1_epi8(upper);
+  while (from + 16 <= limit) {
+    __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(t.p + from));
+    auto const hit = static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(v, lo), _mm_cmpeq_epi8(v, up))));
+    if (hit != 0) return from + static_cast<size_t>(__builtin_ctz(hit));
+    from += 16;
+  }
+  // The last part of a text of 16 bytes or more: one load ending at limit,
+  // with the positions before `from` masked off.
+  if (from < limit && limit >= 16) {
+    size_t const base = limit - 16;
+    __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(t.p + base));
+    auto hit = static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(v, lo), _mm_cmpeq_epi8(v, up))));
+    hit &= ~0u << (from - base);
+    return hit != 0 ? base + static_cast<size_t>(__builtin_ctz(hit)) : limit;
+  }
+#endif
+  while (from < limit && t.p[from] != static_cast<unsigned char>(lower) &&
+         t.p[from] != static_cast<unsigned char>(upper))
+    ++from;
+  return from;
+}
+
+// A literal atom at p of the view (the caller checked the width fits).
+// ASCII literals on ASCII text compare eight lowered bytes at a time.
+template <class Atom>
+inline bool LiteralAt(Atom const& atom, AsciiText const& text, size_t p) {
+  if (atom.asciiChars.empty()) {
+    for (size_t k = 0; k < atom.chars.size(); ++k)
+      if (text[p + k] != atom.chars[k]) return false;
+    return true;
+  }
+  char const* want = atom.asciiChars.data();
+  size_t const n = atom.asciiChars.size();
+  if (n >= 8) return SameLoweredWords<uint64_t>(text.p + p, want, n);
+  if (n >= 4) return SameLoweredWords<uint32_t>(text.p + p, want, n);
+  if (n >= 2) return SameLoweredWords<uint16_t>(text.p + p, want, n);
+  return LowerAscii(text.p[p]) == static_cast<unsigned char>(want[0]);
+}
+
+template <class Atom>
+bool LiteralAt(Atom const& atom, CodeSpan const& text, size_t p) {
+  return std::equal(atom.chars.begin(), atom.chars.end(), text.p + p);
+}
+
 
 }  // namespace
 
@@ -194,8 +302,11 @@ void SQueryString::compile() {
     if (op.kind == QueryPatternOps::AnyRun && !m_atoms.empty() &&
         m_atoms.back().kind == QueryPatternOps::AnyRun)
       continue;  // "%%" is "%"
-    if (op.kind == QueryPatternOps::Literal)
+    if (op.kind == QueryPatternOps::Literal) {
       a.chars = LowerCodePoints(op.text.getString(), op.text.getLength());
+      if (std::all_of(a.chars.begin(), a.chars.end(), [](uint32_t c) { return c < 0x80; }))
+        a.asciiChars.assign(a.chars.begin(), a.chars.end());
+    }
     if (op.kind == QueryPatternOps::Bracket) {
       a.negate = op.pattern.negate;
       a.chars = op.pattern.memberCodes;
@@ -251,18 +362,6 @@ size_t SQueryString::getRestPatterns(size_t from) const {
 
 namespace {
 
-// The reachable-position sweep over one text representation. `cur[p]`
-// is set when the atoms so far can consume exactly the first p
-// characters; [lo, hi] bounds the set positions.
-// A window [off, off + n) of another text.
-template <class Text>
-struct SubText {
-  Text const& base;
-  size_t off, n;
-  size_t size() const { return n; }
-  uint32_t operator[](size_t i) const { return base[off + i]; }
-};
-
 template <class Atom>
 size_t Width(Atom const& atom) {
   return atom.kind == SQueryString::QueryPatternOps::Literal ? atom.chars.size() : 1;
@@ -270,64 +369,64 @@ size_t Width(Atom const& atom) {
 
 // One fixed-width atom at position p (the caller checked p + width <= n).
 template <class Text, class Atom, class OneFn>
-bool AtomAt(Atom const& atom, Text const& text, size_t p, OneFn const& one) {
-  if (atom.kind != SQueryString::QueryPatternOps::Literal) return one(atom, text[p]);
-  for (size_t k = 0; k < atom.chars.size(); ++k)
-    if (text[p + k] != atom.chars[k]) return false;
-  return true;
+[[gnu::always_inline]] inline bool AtomAt(Atom const& atom, Text const& text, size_t p, OneFn const& one) {
+  if (atom.kind == SQueryString::QueryPatternOps::Literal) return LiteralAt(atom, text, p);
+  if (atom.kind == SQueryString::QueryPatternOps::AnyOne) return true;
+  return one(atom, text[p]);
 }
 
-// The reachable-position sweep over atoms [first, last). `cur[p]` is set
-// when the atoms so far can consume exactly the first p characters; [lo,
-// hi] bounds the set positions.
+// The leftmost position from `from` where the fixed-width atoms [first,
+// last) (no "%" among them) match in a row, or npos. A literal first atom
+// skips to candidates by its first character.
 template <class Text, class Atom, class OneFn>
-bool Sweep(Atom const* first, Atom const* last, Text const& text, OneFn const& one) {
+size_t FindSegment(Atom const* first, Atom const* last, size_t width, Text const& text,
+                   size_t from, OneFn const& one) {
   size_t const n = text.size();
-  // Two rows of n + 2 flags; short texts (the usual case) use the stack.
-  unsigned char small[2 * 256];
-  std::vector<unsigned char> large;
-  unsigned char* rows = small;
-  if (n + 2 > 256) {
-    large.assign(2 * (n + 2), 0);
-    rows = large.data();
-  } else {
-    std::memset(small, 0, 2 * (n + 2));
+  bool const literalHead = first->kind == SQueryString::QueryPatternOps::Literal;
+  uint32_t const head = literalHead ? first->chars[0] : 0;
+  if (width > n) return static_cast<size_t>(-1);
+  size_t const limit = n - width + 1;
+  for (size_t p = from; p < limit; ++p) {
+    if (literalHead) {
+      p = NextCandidate(text, p, limit, head);
+      if (p == limit) break;
+    }
+    size_t q = p;
+    Atom const* a = first;
+    for (; a != last && AtomAt(*a, text, q, one); ++a) q += Width(*a);
+    if (a == last) return p;
   }
-  unsigned char* cur = rows;
-  unsigned char* next = rows + n + 2;
-  cur[0] = 1;
-  size_t lo = 0, hi = 0;
-  for (Atom const* a = first; a != last; ++a) {
+  return static_cast<size_t>(-1);
+}
+
+// Atoms [first, last) start and end with "%". Between the "%" the atoms
+// form segments of fixed width; placing each segment at its leftmost match
+// leaves the most text for the rest, so if any placement matches, the
+// leftmost ones do. Each segment search costs at most text x segment, so
+// the whole match stays within pattern x text however many "%" there are.
+template <class Text, class Atom, class OneFn>
+bool MatchSegments(Atom const* first, Atom const* last, Text const& text, OneFn const& one) {
+  size_t pos = 0;
+  Atom const* a = first;
+  while (a != last) {
     if (a->kind == SQueryString::QueryPatternOps::AnyRun) {
-      if (a + 1 == last) return true;  // a final "%" takes the rest
-      std::memset(cur + lo, 1, n + 1 - lo);
-      hi = n;
+      ++a;
       continue;
     }
-    size_t width = Width(*a);
-    // Followed by a final "%": the first position that passes decides.
-    bool lastBeforeRun = a + 2 == last && (a + 1)->kind == SQueryString::QueryPatternOps::AnyRun;
-    size_t nlo = n + 1, nhi = 0;
-    for (size_t p = lo; p <= hi; ++p) {
-      if (!cur[p]) continue;
-      cur[p] = 0;
-      if (p + width > n || !AtomAt(*a, text, p, one)) continue;
-      if (lastBeforeRun) return true;
-      next[p + width] = 1;
-      nlo = std::min(nlo, p + width);
-      nhi = p + width;
-    }
-    if (nlo > nhi) return false;
-    std::swap(cur, next);
-    lo = nlo;
-    hi = nhi;
+    Atom const* b = a;
+    size_t width = 0;
+    for (; b != last && b->kind != SQueryString::QueryPatternOps::AnyRun; ++b) width += Width(*b);
+    size_t const at = FindSegment(a, b, width, text, pos, one);
+    if (at == static_cast<size_t>(-1)) return false;
+    pos = at + width;
+    a = b;
   }
-  return cur[n] != 0;
+  return true;  // the final "%" takes the rest
 }
 
 // The atoms before the first "%" must match at the start and those after
-// the last "%" at the end, each at one place only; the sweep runs on what
-// lies between (which starts and ends with "%").
+// the last "%" at the end, each at one place only; the segments between
+// are placed on what lies between (which starts and ends with "%").
 template <class Text, class Atom, class OneFn>
 bool MatchAll(std::vector<Atom> const& atoms, Text const& text, OneFn const& one) {
   size_t const n = text.size();
@@ -351,15 +450,15 @@ bool MatchAll(std::vector<Atom> const& atoms, Text const& text, OneFn const& one
     q += Width(atoms[b]);
   }
   if (lastRun == a) return true;  // one "%" takes everything between
-  SubText<Text> middle{text, pos, middleEnd - pos};
-  return Sweep(atoms.data() + a, atoms.data() + lastRun + 1, middle, one);
+  Text const middle = text.window(pos, middleEnd - pos);
+  return MatchSegments(atoms.data() + a, atoms.data() + lastRun + 1, middle, one);
 }
 
 }  // namespace
 
 bool SQueryString::doMatch(std::vector<uint32_t> const& text) const {
   auto one = [this](Atom const& atom, uint32_t c) { return isAMatch(atom, c); };
-  return MatchAll(m_atoms, CodeText{text}, one);
+  return MatchAll(m_atoms, CodeSpan{text.data(), text.size()}, one);
 }
 
 bool SQueryString::like(SAnsiString const& text) {
@@ -367,13 +466,21 @@ bool SQueryString::like(SAnsiString const& text) {
   if (!m_valid) return false;
   char const* p = text.getString();
   unsigned n = text.getLength();
-  bool ascii = true;
-  for (unsigned i = 0; i < n && ascii; ++i) ascii = static_cast<unsigned char>(p[i]) < 0x80;
-  if (ascii) {
+  if (IsAsciiText(p, n)) {
     auto one = [this](Atom const& atom, uint32_t c) { return isAMatch(atom, c); };
     return MatchAll(m_atoms, AsciiText{reinterpret_cast<unsigned char const*>(p), n}, one);
   }
-  return doMatch(LowerCodePoints(p, n));
+  if (n > kStackCodes) return doMatch(LowerCodePoints(p, n));
+  // Short texts (the usual case) are lowered into the stack, not the heap.
+  uint32_t codes[kStackCodes];
+  size_t count = 0;
+  for (size_t i = 0; i < n;) {
+    size_t len = 1;
+    codes[count++] = LowerCharAt(p + i, n - i, &len);
+    i += len;
+  }
+  auto one = [this](Atom const& atom, uint32_t c) { return isAMatch(atom, c); };
+  return MatchAll(m_atoms, CodeSpan{codes, count}, one);
 }
 
 // ---------------------------------------------------------------------------

@@ -3,6 +3,7 @@
 #include <quenlib/codesetconverter.h>
 
 #include "text/localeconv.h"
+#include "text/utfcore.h"
 
 #include "text_support.h"
 
@@ -91,4 +92,26 @@ TEST(CodesetEucJpLocale, GoesThroughTheCLibrary) {
   EXPECT_EQ(out[1], 0x65E5);
   EXPECT_EQ(CodesetConverter::mbstoucs2(out, "a\xFF" "b", 8), 3u);
   EXPECT_EQ(std::u16string(out), u"a?b");
+}
+
+// Every byte of the single-byte pages, alone and in a run after ASCII of
+// each length up to three SIMD blocks: the table path gives what the general
+// path (the ICU converter, then UTF-16 to UTF-8) gives.
+TEST_F(CodesetUtf8Locale, SingleBytePagesMatchTheConverterPath) {
+  for (MB::ExplicitCodeset cs : {MB::ECS_Windows1252, MB::ECS_Latin9}) {
+    for (int b = 1; b < 256; ++b) {
+      for (size_t lead : {size_t{0}, size_t{7}, size_t{15}, size_t{16}, size_t{31}, size_t{47}}) {
+        std::string const bytes = std::string(lead, 'a') + static_cast<char>(b) + "Z";
+        std::u16string wide;
+        ASSERT_TRUE(MB::CodePageToUTF16(cs, bytes.data(), bytes.size(), wide));
+        std::string general(wide.size() * 3, '\0');
+        utf::Outcome const r = utf::utf16ToUtf8(
+            wide.data(), wide.size(), reinterpret_cast<unsigned char*>(general.data()),
+            general.size());
+        general.resize(r.written);
+        EXPECT_EQ(toLocale(bytes, cs), general) << "byte " << b << " after " << lead;
+        EXPECT_EQ(quentest::str(MB::ExplicitCodesetToT(bytes.c_str(), cs)), general);
+      }
+    }
+  }
 }

@@ -124,3 +124,27 @@ TEST(SInterlockedConcurrent, IncrementsAndDecrementsBalance) {
   EXPECT_EQ(count.read(), 2 * kThreads * kRounds);
   EXPECT_EQ(ucount.read(), static_cast<uint32_t>(kThreads * kRounds));
 }
+
+// Short strings reuse blocks through a per-thread cache: blocks made on
+// one thread and released on another, threads ending with blocks cached,
+// and a string released while its thread's cache is being torn down (a
+// thread_local destroyed after the cache) must neither leak nor corrupt.
+TEST(SStringConcurrent, ShortBlocksMoveBetweenThreads) {
+  std::vector<SAnsiString> made;
+  std::thread maker([&made] {
+    for (int i = 0; i < 500; ++i) made.emplace_back(std::to_string(i).c_str());
+  });
+  maker.join();
+  std::thread user([&made] {
+    thread_local SAnsiString late("released after the cache closes");
+    for (SAnsiString& s : made) {
+      SAnsiString copy(s.getString(), s.getLength());
+      s = copy + "!";
+    }
+  });
+  user.join();
+  for (int i = 0; i < 500; ++i) ASSERT_EQ(std::string(made[i].getString()), std::to_string(i) + "!");
+  made.clear();
+  SAnsiString again("reused");
+  EXPECT_STREQ(again.getString(), "reused");
+}

@@ -139,3 +139,34 @@ TEST(QueryStringHelpers, WildcardsAndQuoting) {
   EXPECT_TRUE(SInfoQueryString::ValidateAStringValue(empty));
   EXPECT_EQ(quentest::str(empty), "''");
 }
+
+// Segments between "%" placed leftmost must still find a later placement
+// when an earlier one leads nowhere, on ASCII text, on non-ASCII text and
+// on text longer than the stack buffer of lowered characters.
+class QueryStringUtf8 : public quentest::Utf8Test {};
+
+TEST_F(QueryStringUtf8, SegmentsBetweenPercents) {
+  struct Row {
+    char const* pattern;
+    std::string text;
+    bool match;
+  };
+  std::string const longText = std::string(300, 'x') + "\xC3\x89t\xC3\xA9-Ab_c" + "zz";
+  Row const rows[] = {
+      {"%ab%abc%", "ab-abd-abc", true},
+      {"%ab%abc%", "abc", false},
+      {"%a_c%x", "a-b abc x", true},
+      {"%a_c%x", "abc-axc", false},
+      {"%[bc]d%", "bx cd", true},
+      {"%AB%", "xxaB", true},
+      {"%summary%", "REPORT_SUMMARY", true},
+      {"%summary%", "summar", false},
+      {"%\xC3\xA9t\xC3\xA9%", "L'\xC3\x89T\xC3\x89 2024", true},
+      {"%\xC3\xA9t\xC3\xA9%", "L'\xC3\x89T 2024", false},
+      {"%\xC3\xA9t\xC3\xA9-ab_c%", longText, true},
+      {"%\xC3\xA9t\xC3\xA9-abcc%", longText, false},
+      {"%x%xx%zz", longText, true},
+  };
+  for (Row const& r : rows)
+    EXPECT_EQ(SQueryString(r.pattern).like(r.text.c_str()), r.match) << r.pattern << " / " << r.text;
+}

@@ -35,6 +35,7 @@
 
 #include <cstdint>
 #include <utility>
+#include <string>
 #include <vector>
 
 namespace QuenLibA500 {
@@ -86,6 +87,7 @@ class QUENLIB_API SQueryString {
   struct Atom {
     QueryPatternOps::Kind kind;
     std::vector<uint32_t> chars;                           // Literal; Bracket members
+    std::string asciiChars;  // Literal of ASCII only: the lowered bytes, else empty
     std::vector<std::pair<uint32_t, uint32_t>> ranges;  // Bracket ranges
     bool negate = false;
   };

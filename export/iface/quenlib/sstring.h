@@ -491,8 +491,10 @@ class QUENLIB_API SString_t {
     // A sole owner frees without the atomic decrement: nobody else can take
     // a reference, since that would need this very string object. The
     // acquiring read orders the other owners' last accesses before the free.
-    if (b->count.read() == 1 || b->count.exchangeDec() == 1) std::free(b);
+    if (b->count.read() == 1 || b->count.exchangeDec() == 1) FreeBuffer(b);
   }
+  // Returns a block to the thread's cache of small blocks, or to the heap.
+  static void FreeBuffer(SStringBuffer* b) noexcept;
   void setBuffer(SStringBuffer* b) noexcept {
     if (b == m_buffer) return;
     ReleaseBuffer(m_buffer);
