@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-#include "../tests/net/ftp_support.h"
+#include "net/ftp_support.h"
 
 using namespace QuenLibA500;
 using namespace ftptest;
@@ -27,7 +27,7 @@ struct Setup {
   ScratchDir dir;
   std::string file = dir / "upload.bin";
   Setup() {
-    writeFile(file, pattern(kSize));
+    WriteFile(file, pattern(kSize));
     curl_global_init(CURL_GLOBAL_DEFAULT);
   }
   bool ready(benchmark::State& state) const {
