@@ -81,8 +81,10 @@ std::vector<std::string> const kPhases = {
 
 TEST(SIServerController, SignalsStopTheServerThroughEveryPhase) {
   for (int sig : {SIGTERM, SIGINT}) {
-    ServerRun run("signal", Behaviour::serve, {"-pidfile", "server.pid"});
+    fs::path const pid = ScratchDir("signal-pid") / "server.pid";
+    ServerRun run("signal", Behaviour::serve, {"-pidfile", pid.string()});
     ASSERT_TRUE(run.traced("SIServerController::waitingToStop"));
+    EXPECT_EQ(ReadFile(pid), std::to_string(run.child.pid()) + "\n");
     ::kill(run.child.pid(), sig);
     int const status = run.child.wait();
     ASSERT_TRUE(WIFEXITED(status)) << status;
