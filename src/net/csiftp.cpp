@@ -4,6 +4,7 @@
 #include <quenlib/csisocket.h>
 #include <quenlib/sfile.h>
 
+#include "text/stdtext.h"
 #include "diagnostics/assert.h"
 #include "diagnostics/trace.h"
 #include "net/pathlevels.h"
@@ -24,18 +25,12 @@ namespace QuenLibA500 {
 
 namespace {
 
-std::string str(SAnsiString const& s) {
-  return std::string(s.getString(), s.getLength());
-}
+using stdtext::str;
+using stdtext::ansi;
+using stdtext::errnoText;
 
-SAnsiString ansi(std::string const& s) {
-  return SAnsiString(s.c_str(), static_cast<unsigned>(s.size()));
-}
 
-std::string errnoText(int err) {
-  char buf[256];
-  return ::strerror_r(err, buf, sizeof buf);
-}
+
 
 std::string lastSocketError() {
   return errnoText(CSISocket::getLastError());

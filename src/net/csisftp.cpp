@@ -4,6 +4,7 @@
 #include <quenlib/csisocket.h>
 #include <quenlib/sfile.h>
 
+#include "text/stdtext.h"
 #include "diagnostics/trace.h"
 #include "net/pathlevels.h"
 
@@ -19,13 +20,10 @@ namespace QuenLibA500 {
 
 namespace {
 
-std::string str(SAnsiString const& s) {
-  return std::string(s.getString(), s.getLength());
-}
+using stdtext::str;
+using stdtext::ansi;
 
-SAnsiString ansi(std::string const& s) {
-  return SAnsiString(s.c_str(), static_cast<unsigned>(s.size()));
-}
+
 
 [[noreturn]] void fail(int category, std::string const& text) {
   throw CSIsftpException(category, ansi(text));

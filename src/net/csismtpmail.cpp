@@ -7,6 +7,7 @@
 #include <quenlib/sfile.h>
 #include <quenlib/stimezone.h>
 
+#include "text/stdtext.h"
 #include "diagnostics/trace.h"
 
 #include <arpa/inet.h>
@@ -32,6 +33,10 @@ namespace QuenLibA500 {
 
 namespace {
 
+using stdtext::view;
+using stdtext::str;
+using stdtext::ansi;
+
 constexpr int kSendTimeout = 120;
 constexpr int kReplyTimeout = 60;
 constexpr int kDataTimeout = 60;
@@ -49,9 +54,6 @@ constexpr char const kTextPartHeader[] =
     "              charset=\"UTF-8\"\r\n\r\n";
 constexpr char const kDefaultContentType[] = "application/octet-stream";
 
-std::string_view view(SAnsiString const& s) { return {s.getString(), s.getLength()}; }
-std::string str(SAnsiString const& s) { return std::string(view(s)); }
-SAnsiString ansi(std::string_view s) { return SAnsiString(s.data(), static_cast<unsigned>(s.size())); }
 
 // ---- base64
 

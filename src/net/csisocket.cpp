@@ -3,6 +3,7 @@
 #include <quenlib/csisocket.h>
 #include <quenlib/sockshelpers.h>
 
+#include "text/stdtext.h"
 #include "diagnostics/assert.h"
 #include "diagnostics/trace.h"
 
@@ -27,16 +28,14 @@ namespace QuenLibA500 {
 
 namespace {
 
+using stdtext::ansi;
+using stdtext::errnoText;
+
 std::string_view view(SAnsiString const& s) { return std::string_view(s.getString(), s.getLength()); }
 
-SAnsiString ansi(std::string_view s) { return SAnsiString(s.data(), static_cast<unsigned>(s.size())); }
 
 int fd(unsigned int s) { return static_cast<int>(s); }
 
-std::string errnoText(int err) {
-  char buf[256];
-  return ::strerror_r(err, buf, sizeof buf);
-}
 
 // getaddrinfo's list, freed on scope exit.
 struct AddrInfoDeleter {

@@ -3,6 +3,7 @@
 #include <quenlib/sockshelpers.h>
 #include <registrykeys/registrysocksserver.h>
 
+#include "text/stdtext.h"
 #include "diagnostics/assert.h"
 
 #include <algorithm>
@@ -16,12 +17,13 @@ namespace QuenLibA500 {
 
 namespace {
 
+using stdtext::ansi;
+
 constexpr int kMaxCredentialChars = 255;
 constexpr char const kServerSubKey[] = "SocksServer";
 
 std::string_view view(SAnsiString const& s) { return std::string_view(s.getString(), s.getLength()); }
 
-SAnsiString ansi(std::string_view s) { return SAnsiString(s.data(), static_cast<unsigned>(s.size())); }
 
 SAnsiString decimal(int64_t v) { return SAnsiString(std::to_string(v).c_str()); }
 

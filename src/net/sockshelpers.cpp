@@ -2,11 +2,15 @@
 // "#" quoting of stored socks texts.
 #include <quenlib/sockshelpers.h>
 
+#include "text/stdtext.h"
+
 #include <string_view>
 
 namespace QuenLibA500 {
 
 namespace {
+
+using stdtext::ansi;
 
 constexpr std::string_view kScheme = "socks://";
 // The ";" after the first version: "socks://5;..." holds it at index 9.
@@ -14,7 +18,6 @@ constexpr unsigned kQuoteIndex = 9;
 
 std::string_view view(SAnsiString const& s) { return std::string_view(s.getString(), s.getLength()); }
 
-SAnsiString ansi(std::string_view s) { return SAnsiString(s.data(), static_cast<unsigned>(s.size())); }
 
 bool startsWithScheme(std::string_view s) {
   if (s.size() < kScheme.size()) return false;

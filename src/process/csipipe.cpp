@@ -7,6 +7,7 @@
 #include <quenlib/csipipe.h>
 #include <quenlib/stringconv.h>
 
+#include "text/stdtext.h"
 #include "diagnostics/assert.h"
 #include "diagnostics/trace.h"
 
@@ -29,10 +30,11 @@ namespace QuenLibA500 {
 
 namespace {
 
+using stdtext::errnoText;
+
 constexpr int kNoFd = -1;
 constexpr size_t kReadBufferSize = 64 * 1024;
 
-std::string ErrorText(int err) { return std::system_category().message(err); }
 
 int HexDigitValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -102,7 +104,7 @@ class SigpipeGuard {
 
 [[noreturn]] void ThrowWrite(int err) {
   throw CSIPipeException(CSIPipeException::writeFailed,
-                         SAnsiString(("CSIPipe::WriteString(): failed writing to pipe: " + ErrorText(err)).c_str()),
+                         SAnsiString(("CSIPipe::WriteString(): failed writing to pipe: " + errnoText(err)).c_str()),
                          err);
 }
 
@@ -209,21 +211,21 @@ class FrameReader {
     for (;;) {
       if (m_useTimeout) {
         auto left = std::chrono::ceil<std::chrono::milliseconds>(m_deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return fail(kReadTimedOut, ETIMEDOUT, ErrorText(ETIMEDOUT));
+        if (left.count() <= 0) return fail(kReadTimedOut, ETIMEDOUT, errnoText(ETIMEDOUT));
         pollfd p{m_fd, POLLIN, 0};
         int r = ::poll(&p, 1, left.count() > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int>(left.count()));
-        if (r == 0) return fail(kReadTimedOut, ETIMEDOUT, ErrorText(ETIMEDOUT));
+        if (r == 0) return fail(kReadTimedOut, ETIMEDOUT, errnoText(ETIMEDOUT));
         if (r < 0) {
-          if (errno != EINTR) return fail(kReadFailed, errno, ErrorText(errno));
-          if (m_throwEintr) return fail(kReadInterrupted, EINTR, ErrorText(EINTR));
+          if (errno != EINTR) return fail(kReadFailed, errno, errnoText(errno));
+          if (m_throwEintr) return fail(kReadInterrupted, EINTR, errnoText(EINTR));
           continue;
         }
       }
       got = ::read(m_fd, into, room);
       if (got > 0) return 0;
       if (got == 0) return fail(kReadFailed, EPIPE, "the writing end of the pipe was closed");
-      if (errno != EINTR) return fail(kReadFailed, errno, ErrorText(errno));
-      if (m_throwEintr) return fail(kReadInterrupted, EINTR, ErrorText(EINTR));
+      if (errno != EINTR) return fail(kReadFailed, errno, errnoText(errno));
+      if (m_throwEintr) return fail(kReadInterrupted, EINTR, errnoText(EINTR));
     }
   }
 
@@ -317,7 +319,7 @@ SAnsiString ReadFrame(int fd, CSIPipe::Handles& h, bool useTimeout, unsigned sec
     try {
       bytes.resize(got + step);
     } catch (std::bad_alloc const&) {
-      SAnsiString const why(ErrorText(ENOMEM).c_str());
+      SAnsiString const why(errnoText(ENOMEM).c_str());
       QL_TRACE(SLogger::tl_Error, "PipeListener: ReadString() memory allocation failure: %1", why);
       throw CSIPipeException(CSIPipeException::noMemory,
                              SAnsiString("PipeListener: memory allocation failure: ") + why, ENOMEM);

@@ -3,6 +3,7 @@
 #include <quenlib/sfile.h>
 #include <quenlib/windesktopheapmgr.h>
 
+#include "text/stdtext.h"
 #include "diagnostics/assert.h"
 #include "diagnostics/trace.h"
 
@@ -30,9 +31,10 @@ namespace QuenLibA500 {
 
 namespace {
 
+using stdtext::errnoText;
+
 constexpr signed char kCouldNotStart = 127;
 
-std::string ErrorText(int err) { return std::system_category().message(err); }
 
 signed char ExitCodeOf(int status) {
   if (WIFEXITED(status)) return static_cast<signed char>(WEXITSTATUS(status));
@@ -227,7 +229,7 @@ bool StartChild(Launch const& l, CSIProcess::Child& child, CWinDesktopHeapMgr co
   long const pid = Spawn(l);
   if (pid < 0) {
     QL_TRACE(SLogger::tl_Error, "%1", std::string("CreateProcess() failed for commandline [") + l.describe() +
-                                          "]. Last error is " + std::to_string(-pid) + " " + ErrorText(int(-pid)));
+                                          "]. Last error is " + std::to_string(-pid) + " " + errnoText(int(-pid)));
     child.del();
     return false;
   }
@@ -244,9 +246,9 @@ signed char CSIProcess::NewProcessSync(SAnsiString const& command, CParamLineArg
   long const pid = Spawn(l);
   if (pid < 0) {
     if (direct)
-      QL_TRACE(SLogger::tl_Error, "cannot spawn process: errno = %s", ErrorText(int(-pid)));
+      QL_TRACE(SLogger::tl_Error, "cannot spawn process: errno = %s", errnoText(int(-pid)));
     else
-      QL_TRACE(SLogger::tl_Error, "NewProcessSync : Win32 Error %d,%s", int(-pid), ErrorText(int(-pid)));
+      QL_TRACE(SLogger::tl_Error, "NewProcessSync : Win32 Error %d,%s", int(-pid), errnoText(int(-pid)));
     return kCouldNotStart;
   }
   Child child;
@@ -333,7 +335,7 @@ void CSIProcess::Wait(int s) { SecSleep(s); }
 double CSIProcess::GetMemoryUsage() {
   std::FILE* f = std::fopen("/proc/self/statm", "re");
   if (!f) {
-    QL_TRACE(SLogger::tl_Error, "CSIProcess::GetMemoryUsage: Cannot open process.  Error: %1", ErrorText(errno));
+    QL_TRACE(SLogger::tl_Error, "CSIProcess::GetMemoryUsage: Cannot open process.  Error: %1", errnoText(errno));
     return 0;
   }
   unsigned long size = 0;

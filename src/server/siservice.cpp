@@ -6,6 +6,7 @@
 #include <quenlib/siservice.h>
 #include <quenlib/sthread.h>
 
+#include "text/stdtext.h"
 #include "diagnostics/trace.h"
 
 #include <systemd/sd-daemon.h>
@@ -25,11 +26,12 @@ namespace QuenLibA500 {
 
 namespace {
 
+using stdtext::errnoText;
+
 std::atomic<SINTService*> gService{nullptr};
 
 constexpr char kDefaultUnitDir[] = "/etc/systemd/system";
 
-std::string ErrorText(int err) { return std::system_category().message(err); }
 
 bool SystemdRuns() { return ::access("/run/systemd/system", F_OK) == 0; }
 
@@ -209,25 +211,25 @@ int SINTService::install(SAnsiString const& name, SAnsiString const& displayName
   int err = 0;
   std::string const program = ProgramPath(err);
   if (program.empty()) {
-    std::printf("GetModuleFileName failed: %s\n", ErrorText(err).c_str());
+    std::printf("GetModuleFileName failed: %s\n", errnoText(err).c_str());
     return 1;
   }
   std::string const path = UnitPath(name);
   std::error_code ec;
   std::filesystem::create_directories(unitDirectory().getString(), ec);
   if (::access(unitDirectory().getString(), W_OK) != 0) {
-    std::printf("OpenSCManager failed: %s\n", ErrorText(errno).c_str());
+    std::printf("OpenSCManager failed: %s\n", errnoText(errno).c_str());
     return 1;
   }
   if (std::filesystem::exists(path)) {
-    std::printf("CreateService Failed: %s\n", ErrorText(EEXIST).c_str());
+    std::printf("CreateService Failed: %s\n", errnoText(EEXIST).c_str());
     return 1;
   }
   std::ofstream unit(path);
   unit << UnitText(displayName.isEmpty() ? name : displayName, program, options);
   unit.close();
   if (!unit) {
-    std::printf("CreateService Failed: %s\n", ErrorText(errno ? errno : EIO).c_str());
+    std::printf("CreateService Failed: %s\n", errnoText(errno ? errno : EIO).c_str());
     return 1;
   }
   std::printf("%s: installed.\n", name.getString());
@@ -245,7 +247,7 @@ int SINTService::install(SAnsiString const& name, SAnsiString const& displayName
 int SINTService::uninstall(SAnsiString const& name) {
   std::string const path = UnitPath(name);
   if (!std::filesystem::exists(path)) {
-    std::printf("OpenService failed: %s\n", ErrorText(ENOENT).c_str());
+    std::printf("OpenService failed: %s\n", errnoText(ENOENT).c_str());
     return 1;
   }
   std::printf("Stopping: %s\n", name.getString());
@@ -257,7 +259,7 @@ int SINTService::uninstall(SAnsiString const& name) {
   std::printf(stopped ? "%s: stopped.\n" : "%s: failed to stop.\n", name.getString());
   std::error_code ec;
   if (!std::filesystem::remove(path, ec)) {
-    std::printf("DeleteService failed: %s\n", ErrorText(ec.value()).c_str());
+    std::printf("DeleteService failed: %s\n", errnoText(ec.value()).c_str());
     return 1;
   }
   if (ShouldTalkToSystemd()) Systemctl({"daemon-reload"});
