@@ -1,6 +1,9 @@
 // The strict UTF transforms against ICU's u_strFromUTF8 / u_strToUTF8, and
 // MBCSCodesetConverter::ExplicitCodesetToT for code page 1252 against the
 // same work done with ICU alone, on ASCII, mixed European and CJK text.
+// The 1 MiB rows go through CUTFConverter (length scan, fresh result
+// object) against ICU and a plain scalar loop doing the same work.
+#include <quenlib/UTFConverter.h>
 #include <quenlib/codesetconverter.h>
 
 #include "text/utfcore.h"
@@ -10,6 +13,7 @@
 #include <unicode/ustring.h>
 
 #include <clocale>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -151,6 +155,179 @@ void IcuCp1252ToUtf8(benchmark::State& state) {
   setBytes(state, in.size());
 }
 
+// The same transforms on each instruction set (second argument: 0 scalar,
+// 1 portable words, 2 SSE2, 3 AVX2), to see what each step gains.
+void IsaUtf8ToUtf16(benchmark::State& state) {
+  std::string const& in = sample(static_cast<int>(state.range(0)));
+  auto const isa = static_cast<utf::Isa>(state.range(1));
+  std::vector<WChar> out(in.size() + 1);
+  for (auto _ : state) {
+    utf::Outcome r = utf::utf8ToUtf16(isa, reinterpret_cast<unsigned char const*>(in.data()),
+                                      in.size(), out.data(), out.size());
+    benchmark::DoNotOptimize(r);
+    benchmark::ClobberMemory();
+  }
+  setBytes(state, in.size());
+}
+
+void IsaUtf16ToUtf8(benchmark::State& state) {
+  std::string const& utf8 = sample(static_cast<int>(state.range(0)));
+  auto const isa = static_cast<utf::Isa>(state.range(1));
+  std::u16string const in = toUtf16(utf8);
+  std::vector<unsigned char> out(in.size() * 3 + 1);
+  for (auto _ : state) {
+    utf::Outcome r = utf::utf16ToUtf8(isa, in.data(), in.size(), out.data(), out.size());
+    benchmark::DoNotOptimize(r);
+    benchmark::ClobberMemory();
+  }
+  setBytes(state, utf8.size());
+}
+
+// ---- 1 MiB through the public converter
+
+constexpr size_t kLargeBytes = 1024 * 1024;
+
+// 0: English ASCII; 1: about 88% ASCII (English sentences alternating with
+// the mixed European ones).
+std::string const& largeSample(int kind) {
+  static std::string const ascii = [] {
+    std::string s;
+    while (s.size() < kLargeBytes) s += sample(0).substr(0, 86);
+    return s;
+  }();
+  static std::string const mixed = [] {
+    std::string s;
+    std::string const piece = sample(0).substr(0, 86) + sample(1).substr(0, 135);
+    while (s.size() < kLargeBytes) s += piece;
+    return s;
+  }();
+  return kind == 0 ? ascii : mixed;
+}
+
+void OursApiUtf8ToUtf16(benchmark::State& state) {
+  std::string const& in = largeSample(static_cast<int>(state.range(0)));
+  auto const* p = reinterpret_cast<unsigned char const*>(in.c_str());
+  for (auto _ : state) {
+    SBrimString out;
+    bool const ok = CUTFConverter::UTF8ToUTF16(p, out);
+    benchmark::DoNotOptimize(ok);
+    benchmark::DoNotOptimize(out.getString());
+  }
+  setBytes(state, in.size());
+}
+
+// ICU into a fresh array of the worst-case size (given the length, which
+// our side has to find itself).
+void IcuLargeUtf8ToUtf16(benchmark::State& state) {
+  std::string const& in = largeSample(static_cast<int>(state.range(0)));
+  for (auto _ : state) {
+    std::unique_ptr<UChar[]> out(new UChar[in.size() + 1]);
+    int32_t len = 0;
+    UErrorCode ec = U_ZERO_ERROR;
+    u_strFromUTF8(out.get(), static_cast<int32_t>(in.size() + 1), &len, in.data(),
+                  static_cast<int32_t>(in.size()), &ec);
+    benchmark::DoNotOptimize(len);
+    benchmark::DoNotOptimize(out.get());
+  }
+  setBytes(state, in.size());
+}
+
+// A plain loop: one byte (or one sequence) per step, strict checks, into a
+// fresh array; the shape of an unvectorised converter.
+void ScalarLargeUtf8ToUtf16(benchmark::State& state) {
+  std::string const& in = largeSample(static_cast<int>(state.range(0)));
+  auto const* s0 = reinterpret_cast<unsigned char const*>(in.data());
+  for (auto _ : state) {
+    std::unique_ptr<char16_t[]> out(new char16_t[in.size() + 1]);
+    size_t o = 0;
+    bool ok = true;
+    for (size_t i = 0; i < in.size() && ok;) {
+      unsigned const c = s0[i];
+      if (c < 0x80) {
+        out[o++] = static_cast<char16_t>(c);
+        ++i;
+      } else if (c >= 0xC2 && c < 0xE0 && i + 1 < in.size() && (s0[i + 1] & 0xC0) == 0x80) {
+        out[o++] = static_cast<char16_t>(((c & 0x1F) << 6) | (s0[i + 1] & 0x3F));
+        i += 2;
+      } else {
+        ok = false;  // the samples hold nothing longer
+      }
+    }
+    benchmark::DoNotOptimize(ok);
+    benchmark::DoNotOptimize(out.get());
+  }
+  setBytes(state, in.size());
+}
+
+void OursApiUtf16ToUtf8(benchmark::State& state) {
+  std::string const& utf8 = largeSample(static_cast<int>(state.range(0)));
+  std::u16string const wide = toUtf16(utf8);
+  SBrimString const in(wide.c_str(), static_cast<unsigned>(wide.size()));
+  for (auto _ : state) {
+    SSimpleBuffer out;
+    bool const ok = CUTFConverter::UTF16ToUTF8(in, out);
+    benchmark::DoNotOptimize(ok);
+    benchmark::DoNotOptimize(out.getNBytes());
+  }
+  setBytes(state, utf8.size());
+}
+
+void OursApiUtf16ToUtf8Counted(benchmark::State& state) {
+  std::string const& utf8 = largeSample(static_cast<int>(state.range(0)));
+  std::u16string const wide = toUtf16(utf8);
+  SBrimString const in(wide.c_str(), static_cast<unsigned>(wide.size()));
+  for (auto _ : state) {
+    CUTFConverter::ByteBuffer out;
+    bool const ok = CUTFConverter::UTF16ToUTF8(in, out);
+    benchmark::DoNotOptimize(ok);
+    benchmark::DoNotOptimize(out.get());
+  }
+  setBytes(state, utf8.size());
+}
+
+void IcuLargeUtf16ToUtf8(benchmark::State& state) {
+  std::string const& utf8 = largeSample(static_cast<int>(state.range(0)));
+  std::u16string const in = toUtf16(utf8);
+  for (auto _ : state) {
+    std::unique_ptr<char[]> out(new char[in.size() * 3 + 1]);
+    int32_t len = 0;
+    UErrorCode ec = U_ZERO_ERROR;
+    u_strToUTF8(out.get(), static_cast<int32_t>(in.size() * 3 + 1), &len,
+                reinterpret_cast<UChar const*>(in.data()), static_cast<int32_t>(in.size()), &ec);
+    benchmark::DoNotOptimize(len);
+    benchmark::DoNotOptimize(out.get());
+  }
+  setBytes(state, utf8.size());
+}
+
+void ScalarLargeUtf16ToUtf8(benchmark::State& state) {
+  std::string const& utf8 = largeSample(static_cast<int>(state.range(0)));
+  std::u16string const in = toUtf16(utf8);
+  for (auto _ : state) {
+    std::unique_ptr<unsigned char[]> out(new unsigned char[in.size() * 3 + 1]);
+    size_t o = 0;
+    bool ok = true;
+    for (char16_t const u : in) {
+      if (u < 0x80) {
+        out[o++] = static_cast<unsigned char>(u);
+      } else if (u < 0x800) {
+        out[o++] = static_cast<unsigned char>(0xC0 | (u >> 6));
+        out[o++] = static_cast<unsigned char>(0x80 | (u & 0x3F));
+      } else if (u < 0xD800 || u > 0xDFFF) {
+        out[o++] = static_cast<unsigned char>(0xE0 | (u >> 12));
+        out[o++] = static_cast<unsigned char>(0x80 | ((u >> 6) & 0x3F));
+        out[o++] = static_cast<unsigned char>(0x80 | (u & 0x3F));
+      } else {
+        ok = false;  // the samples hold no surrogates
+        break;
+      }
+    }
+    benchmark::DoNotOptimize(ok);
+    benchmark::DoNotOptimize(out.get());
+  }
+  setBytes(state, utf8.size());
+}
+
 }  // namespace
 
 // Argument: 0 ASCII, 1 mixed European, 2 CJK.
@@ -158,7 +335,17 @@ BENCHMARK(OursUtf8ToUtf16)->Arg(0)->Arg(1)->Arg(2);
 BENCHMARK(IcuUtf8ToUtf16)->Arg(0)->Arg(1)->Arg(2);
 BENCHMARK(OursUtf16ToUtf8)->Arg(0)->Arg(1)->Arg(2);
 BENCHMARK(IcuUtf16ToUtf8)->Arg(0)->Arg(1)->Arg(2);
+BENCHMARK(IsaUtf8ToUtf16)->ArgsProduct({{0, 1}, {0, 1, 2, 3}});
+BENCHMARK(IsaUtf16ToUtf8)->ArgsProduct({{0, 1}, {0, 1, 2, 3}});
 BENCHMARK(OursCp1252ToLocale)->Arg(0)->Arg(1);
 BENCHMARK(IcuCp1252ToUtf8)->Arg(0)->Arg(1);
+// Argument: 0 ASCII, 1 mixed (about 88% ASCII); 1 MiB of UTF-8.
+BENCHMARK(OursApiUtf8ToUtf16)->Arg(0)->Arg(1);
+BENCHMARK(IcuLargeUtf8ToUtf16)->Arg(0)->Arg(1);
+BENCHMARK(ScalarLargeUtf8ToUtf16)->Arg(0)->Arg(1);
+BENCHMARK(OursApiUtf16ToUtf8)->Arg(0)->Arg(1);
+BENCHMARK(OursApiUtf16ToUtf8Counted)->Arg(0)->Arg(1);
+BENCHMARK(IcuLargeUtf16ToUtf8)->Arg(0)->Arg(1);
+BENCHMARK(ScalarLargeUtf16ToUtf8)->Arg(0)->Arg(1);
 
 BENCHMARK_MAIN();

@@ -1,6 +1,7 @@
 // Fuzzes the strict Unicode transforms: the input is read as UTF-8 and, at
 // the same time, as UTF-16 units. Well-formed input must round-trip
-// unchanged; ill-formed input must fail exactly when ICU's conversion fails.
+// unchanged; ill-formed input must fail exactly when ICU's conversion fails;
+// every instruction set must give the scalar outcome and output.
 #include "text/utfcore.h"
 
 #include <unicode/ustring.h>
@@ -25,6 +26,32 @@ bool icuAcceptsUtf8(uint8_t const* data, size_t size, std::vector<UChar>& out) {
                 reinterpret_cast<char const*>(data), static_cast<int32_t>(size), &ec);
   out.resize(U_SUCCESS(ec) ? static_cast<size_t>(len) : 0);
   return U_SUCCESS(ec);
+}
+
+utf::Isa const kIsas[] = {utf::Isa::portable, utf::Isa::sse2, utf::Isa::avx2};
+
+bool sameOutcome(utf::Outcome const& a, utf::Outcome const& b) {
+  return a.result == b.result && a.read == b.read && a.written == b.written;
+}
+
+void compareIsas(uint8_t const* data, size_t size) {
+  std::vector<WChar> want(size + 1);
+  utf::Outcome const w = utf::utf8ToUtf16(utf::Isa::scalar, data, size, want.data(), size);
+  size_t const n = size / 2;
+  std::vector<WChar> units(n + 1);
+  if (n) std::memcpy(units.data(), data, n * 2);
+  std::vector<unsigned char> want8(n * 3 + 1);
+  utf::Outcome const w8 = utf::utf16ToUtf8(utf::Isa::scalar, units.data(), n, want8.data(), n * 3);
+  for (utf::Isa isa : kIsas) {
+    std::vector<WChar> out(size + 1);
+    utf::Outcome const r = utf::utf8ToUtf16(isa, data, size, out.data(), size);
+    check(sameOutcome(r, w));
+    check(r.written == 0 || std::memcmp(out.data(), want.data(), r.written * sizeof(WChar)) == 0);
+    std::vector<unsigned char> out8(n * 3 + 1);
+    utf::Outcome const r8 = utf::utf16ToUtf8(isa, units.data(), n, out8.data(), n * 3);
+    check(sameOutcome(r8, w8));
+    check(r8.written == 0 || std::memcmp(out8.data(), want8.data(), r8.written) == 0);
+  }
 }
 
 void fuzzUtf8(uint8_t const* data, size_t size) {
@@ -93,5 +120,6 @@ void fuzzUtf16(uint8_t const* data, size_t size) {
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   fuzzUtf8(data, size);
   fuzzUtf16(data, size);
+  compareIsas(data, size);
   return 0;
 }

@@ -7,8 +7,10 @@
 
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace QuenLibA500 {
@@ -118,6 +120,52 @@ void ConfigFileReader::SectionData::getAllKeys(SIArray<SAnsiString>& keys) const
   for (auto const& k : m_order) keys.Add(k);
 }
 
+// ================================================================ index
+
+namespace {
+
+std::string_view view(SAnsiString const& s) { return {s.getString(), s.getLength()}; }
+
+struct SectionKey {
+  std::string_view section;
+  std::string_view key;
+  bool operator==(SectionKey const&) const = default;
+};
+
+struct SectionKeyHash {
+  size_t operator()(SectionKey const& k) const noexcept {
+    std::hash<std::string_view> const h;
+    return h(k.section) * 31 + h(k.key);
+  }
+};
+
+}  // namespace
+
+struct ConfigFileReader::Index {
+  // Keeps the text the map's keys look at (shared string buffers, which
+  // stay where they are however the vector grows).
+  std::vector<SAnsiString> names;
+  std::unordered_map<SectionKey, SAnsiString, SectionKeyHash> values;
+};
+
+void ConfigFileReader::buildIndex() {
+  auto index = std::make_shared<Index>();
+  SIArray<SAnsiString> keys;
+  for (auto const& s : m_sections) {
+    s->getAllKeys(keys);
+    SAnsiString const name = s->getSectionName();
+    index->names.push_back(name);
+    for (auto const& key : keys) {
+      SAnsiString value;
+      s->lookup(key, value);
+      index->names.push_back(key);
+      // The first section of a name that has the key wins, as in the walk.
+      index->values.emplace(SectionKey{view(name), view(key)}, value);
+    }
+  }
+  m_index = std::move(index);
+}
+
 // ================================================================ reader
 
 ConfigFileReader::ConfigFileReader() = default;
@@ -138,6 +186,7 @@ bool ConfigFileReader::initialize(SAnsiString const& path, FileEncoding encoding
   }
   if (text.isEmpty()) return false;
   buildConfigData(text);
+  buildIndex();
   m_initialized = true;
   return true;
 }
@@ -153,6 +202,7 @@ bool ConfigFileReader::initializeFromXML(SAnsiString const& path) {
   std::vector<XmlSection> sections;
   if (!landscapeSections(path, sections)) return false;
   for (auto const& s : sections) buildConfigDataFromXML(s.name, ansi(s.body));
+  buildIndex();
   m_initialized = true;
   return true;
 }
@@ -181,10 +231,9 @@ void ConfigFileReader::buildConfigDataFromXML(SAnsiString const& name, SAnsiStri
 
 SAnsiString ConfigFileReader::getValue(SAnsiString const& section, SAnsiString const& key,
                                        SAnsiString const& defaultValue) const {
-  SAnsiString value;
-  for (auto const& s : m_sections)
-    if (s->getSectionName() == section && s->lookup(key, value)) return value;
-  return defaultValue;
+  if (!m_index) return defaultValue;
+  auto const it = m_index->values.find(SectionKey{view(section), view(key)});
+  return it == m_index->values.end() ? defaultValue : it->second;
 }
 
 bool ConfigFileReader::getSections(SIArray<SAnsiString>& sections) const {

@@ -6,14 +6,16 @@
 // surrogates), F0 (90..BF, no overlongs) and F4 (80..8F, nothing above
 // U+10FFFF). Everything else fails the whole conversion.
 //
-// Runs of ASCII are moved sixteen bytes (or eight UTF-16 units) at a time
-// with SSE2, which every x86-64 processor has; other targets take the
-// scalar path, which gives the same results.
+// Runs of ASCII are moved a vector at a time (text/utfsimd.h): SSE2, which
+// every x86-64 processor has, or AVX2 where the processor has it (chosen
+// once, at the first conversion); other targets use 64-bit words. The
+// results are the same on every path; the tests compare them.
 #include <quenlib/UTFConverter.h>
 
 #include "diagnostics/assert.h"
 #include "text/localeconv.h"
 #include "text/utfcore.h"
+#include "text/utfsimd.h"
 
 #include <bit>
 #include <cstring>
@@ -210,28 +212,54 @@ inline void copyAsciiRun16(WChar const*& s, WChar const* end, unsigned char*& d,
 // (four-byte forms, surrogates, ill-formed input) and leaves that
 // character to the careful code.
 
+// Blocks of ASCII and two-byte characters, where the set has such a step;
+// false (pointers unchanged) when the first block holds anything else.
+template <class K>
+inline bool widenMixedBlocks(unsigned char const*& s, size_t left, WChar*& d) {
+  size_t units = 0;
+  size_t const used = K::widenMixed(s, left, d, units);
+  if (used == 0) return false;
+  s += used;
+  d += units;
+  return true;
+}
+
+template <class K>
+inline bool narrowMixedBlocks(WChar const*& s, size_t left, unsigned char*& d) {
+  size_t bytes = 0;
+  size_t const used = K::narrowMixed(s, left, d, bytes);
+  if (used == 0) return false;
+  s += used;
+  d += bytes;
+  return true;
+}
+
+template <class K>
 inline void fastUtf8ToUtf16(unsigned char const*& s, unsigned char const* end, WChar*& d) {
   while (s < end) {
     unsigned const c = *s;
     if (c < 0x80) {
-#if defined(__SSE2__)
-      if (end - s >= 16) {
-        __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(s));
-        __m128i const zero = _mm_setzero_si128();
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_unpacklo_epi8(v, zero));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 8), _mm_unpackhi_epi8(v, zero));
-        int const mask = _mm_movemask_epi8(v);
-        int const k = mask == 0 ? 16 : __builtin_ctz(static_cast<unsigned>(mask));
-        s += k;
-        d += k;
+      auto const left = static_cast<size_t>(end - s);
+      // A whole block of ASCII: likely a long run, taken vector by vector.
+      if (K::widenBlock(s, left, d)) {
+        size_t const k = K::kWidenBlock;
+        size_t const run = k + K::widenRun(s + k, left - k, d + k);
+        s += run;
+        d += run;
         continue;
       }
-#endif
-      *d++ = static_cast<WChar>(c);
-      ++s;
+      if constexpr (K::kMixedBlocks) {
+        if (widenMixedBlocks<K>(s, left, d)) continue;
+      }
+      do {
+        *d++ = *s++;
+      } while (s < end && *s < 0x80);
       continue;
     }
     if ((c & 0xE0) == 0xC0) {
+      if constexpr (K::kMixedBlocks) {
+        if (widenMixedBlocks<K>(s, static_cast<size_t>(end - s), d)) continue;
+      }
       if (end - s < 2 || c < 0xC2 || (s[1] & 0xC0) != 0x80) return;
       *d++ = static_cast<WChar>(((c & 0x1Fu) << 6) | (s[1] & 0x3Fu));
       s += 2;
@@ -252,31 +280,32 @@ inline void fastUtf8ToUtf16(unsigned char const*& s, unsigned char const* end, W
   }
 }
 
+template <class K>
 inline void fastUtf16ToUtf8(WChar const*& s, WChar const* end, unsigned char*& d) {
   while (s < end) {
     uint32_t const c = *s;
     if (c < 0x80) {
-#if defined(__SSE2__)
-      if (end - s >= 8) {
-        __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(s));
-        __m128i const high = _mm_set1_epi16(static_cast<short>(0xFF80));
-        int const ascii =
-            _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(v, high), _mm_setzero_si128()));
-        if (ascii == 0xFFFF) {
-          _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_packus_epi16(v, v));
-          s += 8;
-          d += 8;
-          continue;
-        }
+      auto const left = static_cast<size_t>(end - s);
+      if (K::narrowBlock(s, left, d)) {
+        size_t const k = K::kNarrowBlock;
+        size_t const run = k + K::narrowRun(s + k, left - k, d + k);
+        s += run;
+        d += run;
+        continue;
       }
-#endif
-      // A short run of ASCII between other characters, byte by byte.
+      if constexpr (K::kMixedBlocks) {
+        if (narrowMixedBlocks<K>(s, left, d)) continue;
+      }
+      // A short run of ASCII between other characters, unit by unit.
       do {
         *d++ = static_cast<unsigned char>(*s++);
       } while (s < end && *s < 0x80);
       continue;
     }
     if (c < 0x800) {
+      if constexpr (K::kMixedBlocks) {
+        if (narrowMixedBlocks<K>(s, static_cast<size_t>(end - s), d)) continue;
+      }
       d[0] = static_cast<unsigned char>(0xC0 | (c >> 6));
       d[1] = static_cast<unsigned char>(0x80 | (c & 0x3F));
       d += 2;
@@ -325,12 +354,13 @@ inline void fastUtf16ToUtf8(WChar const*& s, WChar const* end, unsigned char*& d
   }
 }
 
+template <class K>
 Outcome utf8ToUtf16Unchecked(unsigned char const* src, size_t n, WChar* dst) {
   unsigned char const* s = src;
   unsigned char const* const end = src + n;
   WChar* d = dst;
   for (;;) {
-    fastUtf8ToUtf16(s, end, d);
+    fastUtf8ToUtf16<K>(s, end, d);
     if (s == end) break;
     Decoded const r = decodeMulti(s, end);
     if (r.len == 0) return done(r.err, s, src, 1, d, dst, 2);
@@ -347,12 +377,13 @@ Outcome utf8ToUtf16Unchecked(unsigned char const* src, size_t n, WChar* dst) {
   return done(Result::ok, s, src, 1, d, dst, 2);
 }
 
+template <class K>
 Outcome utf16ToUtf8Unchecked(WChar const* src, size_t n, unsigned char* dst) {
   WChar const* s = src;
   WChar const* const end = src + n;
   unsigned char* d = dst;
   for (;;) {
-    fastUtf16ToUtf8(s, end, d);
+    fastUtf16ToUtf8<K>(s, end, d);
     if (s == end) break;
     // A surrogate: only a high one followed by a low one is well-formed.
     uint32_t const c = *s;
@@ -371,11 +402,65 @@ Outcome utf16ToUtf8Unchecked(WChar const* src, size_t n, unsigned char* dst) {
   return done(Result::ok, s, src, 2, d, dst, 1);
 }
 
+// The unchecked transforms of one instruction set.
+struct Transforms {
+  Outcome (*toUtf16)(unsigned char const*, size_t, WChar*);
+  Outcome (*toUtf8)(WChar const*, size_t, unsigned char*);
+};
+
+template <class K>
+constexpr Transforms kTransforms = {&utf8ToUtf16Unchecked<K>, &utf16ToUtf8Unchecked<K>};
+
+Isa bestIsaHere() {
+#if defined(QUENLIB_UTF_X86)
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2") ? Isa::avx2 : Isa::sse2;
+#else
+  return Isa::portable;
+#endif
+}
+
+Isa available(Isa isa) {
+  static Isa const best = bestIsaHere();
+  return isa > best ? best : isa;
+}
+
+Transforms const& transforms(Isa isa) {
+  switch (available(isa)) {
+    case Isa::scalar: return kTransforms<simd::Scalar>;
+    case Isa::portable: return kTransforms<simd::Portable>;
+#if defined(QUENLIB_UTF_X86)
+    case Isa::sse2: return kTransforms<simd::Sse2>;
+    case Isa::avx2: return kTransforms<simd::Avx2>;
+#else
+    default: break;
+#endif
+  }
+  return kTransforms<simd::Portable>;
+}
+
+Transforms const& bestTransforms() {
+  static Transforms const& best = transforms(Isa::avx2);
+  return best;
+}
+
 }  // namespace
 
+Isa bestIsa() { return available(Isa::avx2); }
+
 Outcome utf8ToUtf16(unsigned char const* src, size_t n, WChar* dst, size_t cap) {
-  if (cap >= n) return utf8ToUtf16Unchecked(src, n, dst);
+  if (cap >= n) return bestTransforms().toUtf16(src, n, dst);
   return utf8ToWide(src, n, dst, cap);
+}
+
+Outcome utf8ToUtf16(Isa isa, unsigned char const* src, size_t n, WChar* dst, size_t cap) {
+  if (cap >= n) return transforms(isa).toUtf16(src, n, dst);
+  return utf8ToWide(src, n, dst, cap);
+}
+
+Outcome utf16ToUtf8(Isa isa, WChar const* src, size_t n, unsigned char* dst, size_t cap) {
+  if (n <= cap / 3) return transforms(isa).toUtf8(src, n, dst);
+  return utf16ToUtf8(src, n, dst, cap);
 }
 
 Outcome utf8ToUtf32(unsigned char const* src, size_t n, uint32_t* dst, size_t cap) {
@@ -383,7 +468,7 @@ Outcome utf8ToUtf32(unsigned char const* src, size_t n, uint32_t* dst, size_t ca
 }
 
 Outcome utf16ToUtf8(WChar const* src, size_t n, unsigned char* dst, size_t cap) {
-  if (n <= cap / 3) return utf16ToUtf8Unchecked(src, n, dst);
+  if (n <= cap / 3) return bestTransforms().toUtf8(src, n, dst);
   WChar const* s = src;
   WChar const* const end = src + n;
   unsigned char* d = dst;
@@ -489,11 +574,7 @@ bool isValidUtf16(WChar const* src, size_t n) {
   return true;
 }
 
-size_t length(unsigned char const* s) {
-  size_t n = 0;
-  while (s[n] != 0) ++n;
-  return n;
-}
+size_t length(unsigned char const* s) { return std::strlen(reinterpret_cast<char const*>(s)); }
 
 size_t length(WChar const* s) {
   size_t n = 0;
@@ -518,6 +599,24 @@ namespace QuenLibA500 {
 namespace {
 
 constexpr char const* kNoMessage = nullptr;
+
+// Larger results go through a scratch array (a string counts its units in
+// 32 bits, with some spare room).
+constexpr size_t kMaxInPlaceUnits = 0x7FFFFFFF;
+// Below this many units a half-empty result buffer is kept as it is.
+constexpr unsigned kKeepSlackBelow = 4096;
+
+// A wide string written in place through the string's own buffer calls.
+class WritableBrim : public SBrimString {
+ public:
+  // A private buffer with room for n units; the length is not changed.
+  WChar* reserve(unsigned n) {
+    setBufferSize(n);
+    return getString();
+  }
+  // Sets the length to n (n within the reserved room) and terminates.
+  void setLength(unsigned n) noexcept { terminateBuffer(n); }
+};
 
 template <class T>
 CSmartRefCountPtr<UTFBuffer_t<T>> newBuffer(size_t units) {
@@ -601,10 +700,27 @@ bool CUTFConverter::UTF8ToUTF16(unsigned char const* in, SBrimString& out) {
     return true;
   }
   size_t const n = utf::length(in);
-  std::vector<WChar> tmp(n + 1);
-  utf::Outcome const r = utf::utf8ToUtf16(in, n, tmp.data(), n);
+  if (n > kMaxInPlaceUnits) {
+    std::vector<WChar> tmp(n + 1);
+    utf::Outcome const r = utf::utf8ToUtf16(in, n, tmp.data(), n);
+    if (r.result != utf::Result::ok) return false;
+    out = SBrimString(tmp.data(), static_cast<unsigned>(r.written));
+    return true;
+  }
+  // One unit per byte is the most the text can need: convert straight into
+  // a fresh string of that size and drop it if the input is ill-formed.
+  WritableBrim wide;
+  auto const units = static_cast<unsigned>(n);
+  utf::Outcome const r = utf::utf8ToUtf16(in, n, wide.reserve(units), units);
   if (r.result != utf::Result::ok) return false;
-  out = SBrimString(tmp.data(), static_cast<unsigned>(r.written));
+  auto const written = static_cast<unsigned>(r.written);
+  // Text of mostly multi-byte characters leaves much of the buffer unused.
+  if (written < units / 2 && units > kKeepSlackBelow) {
+    out = SBrimString(wide.getString(), written);
+    return true;
+  }
+  wide.setLength(written);
+  out = std::move(wide);
   return true;
 }
 

@@ -37,6 +37,18 @@ QUENLIB_API Outcome utf32ToUtf8(uint32_t const* src, size_t n, unsigned char* ds
 QUENLIB_API Outcome utf16ToUtf32(WChar const* src, size_t n, uint32_t* dst, size_t cap);
 QUENLIB_API Outcome utf32ToUtf16(uint32_t const* src, size_t n, WChar* dst, size_t cap);
 
+// The instruction sets the UTF-8 / UTF-16 transforms can move ASCII with,
+// slowest first. The transforms above use the best the processor has; the
+// forms taking an Isa exist so that tests and fuzz targets can compare
+// every set with the scalar one. A set the processor (or the build) lacks
+// is replaced by the best one it has.
+enum class Isa { scalar, portable, sse2, avx2 };
+QUENLIB_API Isa bestIsa();
+QUENLIB_API Outcome utf8ToUtf16(Isa isa, unsigned char const* src, size_t n, WChar* dst,
+                                size_t cap);
+QUENLIB_API Outcome utf16ToUtf8(Isa isa, WChar const* src, size_t n, unsigned char* dst,
+                                size_t cap);
+
 // True when the n bytes are well-formed UTF-8.
 QUENLIB_API bool isValidUtf8(unsigned char const* src, size_t n);
 // True when the n units are well-formed UTF-16 (every surrogate paired).

@@ -72,6 +72,34 @@ TEST_F(ConfigFile, SectionsAndLines) {
   EXPECT_FALSE(r.enumerateSection("Missing", keys));
 }
 
+// Repeated section names: the first section of the name that has the key
+// answers. A loaded reader (and its copies) keeps its file; a new one reads
+// the changed file.
+TEST_F(ConfigFile, RepeatedSectionsAndChangedFile) {
+  SAnsiString const path = write("r.cfg", "[A]\nk=1\n[B]\nk=b\n[A]\nk=2\nj=3\n[]\n=empty\n");
+  ConfigFileReader r;
+  ASSERT_TRUE(r.initialize(path));
+  ConfigFileReader const copy = r;
+  write("r.cfg", "[A]\nk=changed\nj=changed\n");
+  ConfigFileReader fresh;
+  ASSERT_TRUE(fresh.initialize(path));
+  struct {
+    char const* section;
+    char const* key;
+    char const* loaded;
+    char const* changed;
+  } rows[] = {
+      {"A", "k", "1", "changed"}, {"A", "j", "3", "changed"}, {"B", "k", "b", "-"},
+      {"", "", "empty", "-"},     {"A", "", "-", "-"},        {"C", "k", "-", "-"},
+  };
+  for (auto const& row : rows) {
+    EXPECT_EQ(str(r.getValue(row.section, row.key, "-")), row.loaded) << row.section << "/" << row.key;
+    EXPECT_EQ(str(copy.getValue(row.section, row.key, "-")), row.loaded) << row.section << "/" << row.key;
+    EXPECT_EQ(str(fresh.getValue(row.section, row.key, "-")), row.changed) << row.section << "/" << row.key;
+  }
+  EXPECT_EQ(str(ConfigFileReader().getValue("A", "k", "-")), "-");  // nothing loaded
+}
+
 TEST_F(ConfigFile, OpenFailureTracesTheFileReason) {
   quentest::TraceLog log;
   std::vector<std::string>& traced = log.lines;

@@ -45,3 +45,31 @@ TEST(UtfConverter, LengthEstimateKeepsItsOverCount) {
   wchar_t const wide[] = {L'A', 0xE9, 0x1F600, 0x250000, 0};
   EXPECT_EQ(CUTFConverter::WideCharToUTF8Length(wide), 1u + 1 + 2 + 4 + 2);
 }
+
+// UTF8ToUTF16 converts straight into the result string: short and long
+// texts, mostly multi-byte text (whose result is copied to its own size),
+// and ill-formed text at the end of a long input, which leaves the target
+// as it was.
+TEST(UtfConverter, Utf8ToUtf16IntoTheString) {
+  auto repeat = [](auto const& piece, size_t times) {
+    std::remove_cvref_t<decltype(piece)> s;
+    for (size_t i = 0; i < times; ++i) s += piece;
+    return s;
+  };
+  struct Case {
+    std::string utf8;
+    std::u16string want;
+    bool ok;
+  } const cases[] = {
+      {"caf\xC3\xA9", u"caf\u00E9", true},
+      {repeat(std::string("abc"), 5000), repeat(std::u16string(u"abc"), 5000), true},
+      {repeat(std::string("\xE6\x97\xA5"), 3000), std::u16string(3000, u'\u65E5'), true},
+      {repeat(std::string("x"), 9000) + "\xC3", u"", false},
+  };
+  for (auto const& c : cases) {
+    SBrimString out(u"kept");
+    ASSERT_EQ(CUTFConverter::UTF8ToUTF16(reinterpret_cast<unsigned char const*>(c.utf8.c_str()), out), c.ok);
+    std::u16string const got(out.getString(), out.getLength());
+    EXPECT_EQ(got, c.ok ? c.want : u"kept") << c.utf8.size();
+  }
+}

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <unicode/ustring.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 using namespace QuenLibA500;
@@ -212,5 +214,82 @@ TEST(UtfStrict, ThreeByteRunsEndingEveryWay) {
         }
       }
     }
+  }
+}
+
+namespace {
+
+utf::Isa const kIsas[] = {utf::Isa::portable, utf::Isa::sse2, utf::Isa::avx2};
+
+// Runs one UTF-8 input through every instruction set, the output placed at
+// each offset of a 32-byte vector, and expects the scalar outcome.
+void expectSameUtf8(Bytes const& in, std::string const& what) {
+  std::u16string want(in.size() + 16, u'\0');
+  utf::Outcome const w = utf::utf8ToUtf16(utf::Isa::scalar, in.data(), in.size(), want.data(), in.size());
+  ASSERT_EQ(w.result == utf::Result::ok, icuFromUtf8(in).ok) << what;
+  for (utf::Isa isa : kIsas) {
+    for (size_t at = 0; at < 16; at += 5) {
+      std::u16string out(in.size() + 16, u'\0');
+      utf::Outcome const r = utf::utf8ToUtf16(isa, in.data(), in.size(), out.data() + at, in.size());
+      ASSERT_EQ(std::tie(r.result, r.read, r.written), std::tie(w.result, w.read, w.written))
+          << what << " isa " << int(isa) << " at " << at;
+      ASSERT_EQ(out.substr(at, r.written), want.substr(0, w.written)) << what << " isa " << int(isa);
+    }
+  }
+}
+
+void expectSameUtf16(std::u16string const& in, std::string const& what) {
+  Bytes want(in.size() * 3 + 32);
+  utf::Outcome const w = utf::utf16ToUtf8(utf::Isa::scalar, in.data(), in.size(), want.data(), in.size() * 3);
+  std::string icu;
+  ASSERT_EQ(w.result == utf::Result::ok, icuToUtf8(in, icu).ok) << what;
+  for (utf::Isa isa : kIsas) {
+    for (size_t at = 0; at < 32; at += 7) {
+      Bytes out(in.size() * 3 + 32);
+      utf::Outcome const r = utf::utf16ToUtf8(isa, in.data(), in.size(), out.data() + at, in.size() * 3);
+      ASSERT_EQ(std::tie(r.result, r.read, r.written), std::tie(w.result, w.read, w.written))
+          << what << " isa " << int(isa) << " at " << at;
+      ASSERT_TRUE(std::equal(want.begin(), want.begin() + static_cast<long>(w.written), out.begin() + static_cast<long>(at)))
+          << what << " isa " << int(isa);
+    }
+  }
+}
+
+}  // namespace
+
+// Every instruction set gives the scalar result: a character (or an error)
+// after ASCII runs of every length around the vector widths and the long-run
+// threshold, followed by more ASCII or by two-byte text.
+TEST(UtfStrict, EveryInstructionSetMatchesScalar) {
+  std::vector<std::pair<char const*, Bytes>> const pieces = {
+      {"2-byte", {0xC3, 0xA9}},     {"3-byte", {0xE2, 0x82, 0xAC}}, {"4-byte", {0xF0, 0x9F, 0x98, 0x80}},
+      {"lone trail", {0x80}},       {"overlong", {0xC1, 0xBF}},     {"surrogate", {0xED, 0xA0, 0x80}},
+      {"cut 2-byte", {0xC3}},       {"bad trail", {0xC3, 0x28}},    {"lead F5", {0xF5, 0x80, 0x80, 0x80}},
+      {"double lead", {0xC3, 0xC3, 0xA9}}};
+  Bytes const mixedTail = {'a', 0xC5, 0x82, 'b', 'c', 0xC3, 0xB3, 0xC3, 0xA9, 'd', 0xC4, 0x99};
+  std::vector<size_t> runs;
+  for (size_t k = 0; k <= 70; ++k) runs.push_back(k);
+  for (size_t k : {255, 256, 257, 300}) runs.push_back(k);
+  for (size_t k : runs) {
+    for (auto const& [name, piece] : pieces) {
+      for (int tail = 0; tail < 4; ++tail) {
+        Bytes in(k, 'x');
+        if (tail == 3) in.clear();  // the piece after k units of two-byte text instead
+        for (size_t i = 0; tail == 3 && i < k; i += 4) in.insert(in.end(), {0xC3, 0xA9, 'a', 'b'});
+        in.insert(in.end(), piece.begin(), piece.end());
+        if (tail == 1) in.insert(in.end(), 20, 'y');
+        for (int i = 0; tail == 2 && i < 3; ++i) in.insert(in.end(), mixedTail.begin(), mixedTail.end());
+        expectSameUtf8(in, std::to_string(k) + " " + name + " tail " + std::to_string(tail));
+      }
+    }
+    for (std::u16string piece : {u"\u00E9", u"\u07FF", u"\u0800", u"\U0001F600", u"\u00E9\u0142\u20AC"}) {
+      std::u16string const ascii(k, u'x');
+      expectSameUtf16(ascii + piece + u"y\u00F3z", std::to_string(k) + " utf16");
+      std::u16string mixed;
+      for (size_t i = 0; i < k; ++i) mixed += i % 3 ? u'a' : u'\u00E9';
+      expectSameUtf16(mixed + piece + ascii, std::to_string(k) + " mixed utf16");
+    }
+    for (std::u16string bad : {std::u16string{0xD800}, std::u16string{0xDC00, 'a'}, std::u16string{0xD800, 'a'}})
+      expectSameUtf16(std::u16string(k, u'x') + bad + u"\u00E9abc", std::to_string(k) + " bad utf16");
   }
 }

@@ -33,6 +33,7 @@
 #include <quenlib/sstring.h>
 
 #include <map>
+#include <memory>
 #include <vector>
 
 namespace QuenLibA500 {
@@ -90,8 +91,15 @@ class QUENLIB_API ConfigFileReader {
  private:
   void buildConfigData(SAnsiString const& text);
   void buildConfigDataFromXML(SAnsiString const& name, SAnsiString const& body);
+  void buildIndex();
+
+  // Section and key to value, built once the file is loaded: what a walk
+  // over the sections in file order finds, without the walk. Shared by
+  // copies, as the sections are.
+  struct Index;
 
   SIArray<CSmartRefCountPtr<SectionData>> m_sections;
+  std::shared_ptr<Index const> m_index;
   bool m_initialized = false;
 };
 
