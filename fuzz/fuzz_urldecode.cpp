@@ -23,6 +23,31 @@ bool Setup() {
   return true;
 }
 
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// The plain byte-at-a-time decoding, for texts whose every "%" starts a
+// well-formed "%XX"; false for any other text.
+bool ReferenceDecode(std::string const& in, std::string& out) {
+  for (size_t i = 0; i < in.size(); ++i) {
+    if (in[i] == '+') {
+      out += ' ';
+    } else if (in[i] != '%') {
+      out += in[i];
+    } else if (i + 2 < in.size() && HexDigit(in[i + 1]) >= 0 && HexDigit(in[i + 2]) >= 0) {
+      out += static_cast<char>(HexDigit(in[i + 1]) * 16 + HexDigit(in[i + 2]));
+      i += 2;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
@@ -34,7 +59,11 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   std::string cstr(text.c_str());  // up to the first zero byte
 
   SAnsiString ansi(bytes.data(), static_cast<unsigned>(size));
-  (void)CNameValuePairs::URLStrDecode(ansi);
+  SAnsiString fast = CNameValuePairs::URLStrDecode(ansi);
+  std::string expected;
+  if (ReferenceDecode(std::string(ansi.getString(), ansi.getLength()), expected) && std::string(fast.getString(), fast.getLength()) != expected) {
+    __builtin_trap();
+  }
   SAsciiString ascii(bytes.data(), static_cast<unsigned>(size));
   (void)CNameValuePairs::URLStrDecode(SAsciiString::iterator(ascii),
                                       SAsciiString::iterator(ascii.getString() + ascii.getLength()));

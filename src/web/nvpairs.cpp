@@ -643,6 +643,15 @@ size_t DecodeSpecialEscape(char const* p, char const* end, char*& o) {
   return 1;
 }
 
+// The same, through a copy of the output cursor: the decoding loops never
+// take the address of theirs, so it stays in a register.
+inline size_t SpecialEscape(char const* p, char const* end, char*& o) {
+  char* cursor = o;
+  size_t used = DecodeSpecialEscape(p, end, cursor);
+  o = cursor;
+  return used;
+}
+
 }  // namespace
 
 SAnsiString urlcodec::DecodeLocaleText(char const* p, size_t n) {
@@ -652,6 +661,24 @@ SAnsiString urlcodec::DecodeLocaleText(char const* p, size_t n) {
   char* const start = out.reserve(static_cast<unsigned>(n));
   char* o = start;
   signed char const* hex = HexValues();
+  // While three bytes remain, each step reads the byte and the two after it
+  // and writes the escape's value at a well-formed "%XX", else the byte
+  // itself ("+" read as a space); only a malformed or "%u" escape leaves
+  // this path. (A branch-free step was tried: it makes the next position
+  // wait for this step's loads and ran four times slower.)
+  while (end - p >= 3) {
+    unsigned char c = static_cast<unsigned char>(p[0]);
+    int hi = hex[static_cast<unsigned char>(p[1])];
+    int lo = hex[static_cast<unsigned char>(p[2])];
+    bool escape = c == '%';
+    if (escape && (hi | lo) < 0) {
+      p += SpecialEscape(p, end, o);
+      continue;
+    }
+    char plain = c == '+' ? ' ' : static_cast<char>(c);
+    *o++ = escape ? static_cast<char>(hi * 16 + lo) : plain;
+    p += escape ? 3 : 1;
+  }
   while (p < end) {
     char c = *p;
     if (c != '%' && c != '+') {
@@ -673,7 +700,7 @@ SAnsiString urlcodec::DecodeLocaleText(char const* p, size_t n) {
         continue;
       }
     }
-    p += DecodeSpecialEscape(p, end, o);
+    p += SpecialEscape(p, end, o);
   }
   out.finish(static_cast<unsigned>(o - start));
   return out;
