@@ -242,8 +242,8 @@ unsigned MapCaseText(char const* src, unsigned srcLen, char* dst, unsigned cap,
   return written;
 }
 
-// Scratch room for n values: on the stack for short texts, so that
-// comparing short strings never allocates.
+// Scratch room for n values: on the stack for short texts (up to 1 KiB),
+// so that comparing short strings never allocates.
 template <class T>
 class Scratch {
  public:
@@ -259,7 +259,9 @@ class Scratch {
   T* data() noexcept { return m_data; }
 
  private:
-  static constexpr size_t kInline = 256;
+  // 1 KiB: a lowered UTF-8 text of 64 bytes needs up to 385 (6 bytes a
+  // character), a wide one 4 bytes a unit.
+  static constexpr size_t kInline = 1024 / sizeof(T);
   T m_inline[kInline];
   T* m_data = m_inline;
   std::unique_ptr<T[]> m_heap;
