@@ -1,10 +1,12 @@
 // sstring.cpp: the out-of-line members of the string template, its
 // characters and flavours, and the locale case mapping.
 //
-// Buffer layout (see SStringBuffer): a 12-byte header, then `allocated`
-// code units. Blocks come from malloc/realloc and go back with free, so
-// that a sole owner can grow in place. The empty buffer is static and is
-// recognised by allocated == 0xFFFFFFFF, never by its address.
+// Buffer layout (see SStringBuffer): a 16-byte header (count, length,
+// allocated, text kind), then `allocated` code units. Blocks come from
+// malloc/realloc (through a per-thread cache of small blocks) and go back
+// with free, so that a sole owner can grow in place. The empty buffer is
+// static and is recognised by allocated == 0xFFFFFFFF, never by its
+// address.
 //
 // Multibyte text is walked with the restartable C functions and a local
 // mbstate_t, so threads never share conversion state. A byte below 0x80 at
