@@ -1,11 +1,15 @@
-// String core against std::string / std::u16string: copying, appending one
-// character at a time, substring search and sorting.
+// String core against std::string / std::u16string: copying, copying then
+// changing one character, appending one character at a time, substring
+// search, case-insensitive comparison and sorting.
 #include <quenlib/sstring.h>
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cctype>
+#include <clocale>
 #include <random>
+#include <strings.h>
 #include <string>
 #include <vector>
 
@@ -84,6 +88,32 @@ void BM_CopySized_StdString(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_CopySized_StdString)->Arg(64)->Arg(1024)->Arg(64 << 10)->Arg(1 << 20);
+
+// ---- copy a string, then change the character in its middle: the change
+// takes a private copy of the shared buffer
+
+void BM_CopyModify_SAnsiString(benchmark::State& state) {
+  SAnsiString src(RandomText(static_cast<size_t>(state.range(0)), 1).c_str());
+  unsigned const at = src.getLength() / 2;
+  for (auto _ : state) {
+    SAnsiString copy(src);
+    copy.setAt(at, SChar_t<char, 0>('X'));
+    benchmark::DoNotOptimize(copy.getString());
+  }
+}
+BENCHMARK(BM_CopyModify_SAnsiString)->Arg(1024)->Arg(64 << 10);
+
+void BM_CopyModify_StdString(benchmark::State& state) {
+  std::string src = RandomText(static_cast<size_t>(state.range(0)), 1);
+  size_t const at = src.size() / 2;
+  benchmark::DoNotOptimize(src.data());
+  for (auto _ : state) {
+    std::string copy(src);
+    copy[at] = 'X';
+    benchmark::DoNotOptimize(copy.data());
+  }
+}
+BENCHMARK(BM_CopyModify_StdString)->Arg(1024)->Arg(64 << 10);
 
 // ---- appending one character a million times
 
@@ -173,6 +203,76 @@ void BM_Find1MiB_StdU16String(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * kHay * 2);
 }
 BENCHMARK(BM_Find1MiB_StdU16String)->Unit(benchmark::kMicrosecond);
+
+// ---- case-insensitive comparison of two 64-byte ASCII texts that differ
+// only in case (so every byte is looked at). Argument 0 runs in C.UTF-8,
+// whose collation is code-point order; 1 in en_US.UTF-8, which collates by
+// the locale's rules (skipped where that locale is not installed).
+
+std::string MixedCase64() {
+  std::string s = RandomText(64, 4);
+  for (size_t i = 0; i < s.size(); i += 3) s[i] = static_cast<char>(std::toupper(s[i]));
+  return s;
+}
+
+bool SetCompareLocale(benchmark::State& state) {
+  char const* name = state.range(0) == 0 ? "C.UTF-8" : "en_US.UTF-8";
+  if (std::setlocale(LC_ALL, name) != nullptr) return true;
+  state.SkipWithError("locale not installed");
+  return false;
+}
+
+std::string Lowered(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+void BM_CompareCI64_SAnsiStringCI(benchmark::State& state) {
+  if (!SetCompareLocale(state)) return;
+  SAnsiStringCI a(MixedCase64().c_str()), b(Lowered(MixedCase64()).c_str());
+  if (a.compareNoCase(b) != 0) state.SkipWithError("texts differ");
+  for (auto _ : state) benchmark::DoNotOptimize(a.compareNoCase(b));
+  std::setlocale(LC_ALL, "C");
+}
+BENCHMARK(BM_CompareCI64_SAnsiStringCI)->Arg(0)->Arg(1);
+
+void BM_CompareCI64_SWCharStringCI(benchmark::State& state) {
+  if (!SetCompareLocale(state)) return;
+  SWCharStringCI a(Widen(MixedCase64()).c_str()), b(Widen(Lowered(MixedCase64())).c_str());
+  if (a.compareNoCase(b) != 0) state.SkipWithError("texts differ");
+  for (auto _ : state) benchmark::DoNotOptimize(a.compareNoCase(b));
+  std::setlocale(LC_ALL, "C");
+}
+BENCHMARK(BM_CompareCI64_SWCharStringCI)->Arg(0)->Arg(1);
+
+// The C library's ASCII comparison: the in-binary peer of the narrow row.
+void BM_CompareCI64_Strcasecmp(benchmark::State& state) {
+  std::string a = MixedCase64(), b = Lowered(a);
+  benchmark::DoNotOptimize(a.data());
+  benchmark::DoNotOptimize(b.data());
+  for (auto _ : state) benchmark::DoNotOptimize(strcasecmp(a.c_str(), b.c_str()));
+}
+BENCHMARK(BM_CompareCI64_Strcasecmp);
+
+// A plain loop folding A-Z of two UTF-16 texts: the peer of the wide row.
+int FoldedCompare(std::u16string const& a, std::u16string const& b) {
+  size_t n = std::min(a.size(), b.size());
+  for (size_t i = 0; i < n; ++i) {
+    char16_t x = a[i], y = b[i];
+    if (x >= u'A' && x <= u'Z') x = static_cast<char16_t>(x + 32);
+    if (y >= u'A' && y <= u'Z') y = static_cast<char16_t>(y + 32);
+    if (x != y) return x < y ? -1 : 1;
+  }
+  return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
+}
+
+void BM_CompareCI64_FoldedU16(benchmark::State& state) {
+  std::u16string a = Widen(MixedCase64()), b = Widen(Lowered(MixedCase64()));
+  benchmark::DoNotOptimize(a.data());
+  benchmark::DoNotOptimize(b.data());
+  for (auto _ : state) benchmark::DoNotOptimize(FoldedCompare(a, b));
+}
+BENCHMARK(BM_CompareCI64_FoldedU16);
 
 // ---- sorting 100,000 random strings (5 to 30 letters)
 

@@ -2,7 +2,11 @@
 // pattern, the rest the text (split at the first zero byte). Parsing and
 // matching never crash, a text wrapped with WrapWildCardCharsFromString
 // always matches itself, and patterns without bracket sets give the result
-// of a plain table of (pattern step, text position) answers.
+// of a plain table of (pattern step, text position) answers. The matcher's
+// own UTF-8 decoding and lowering (its fast path) must give, character by
+// character, what mbrtowc and towlower give. The input's length picks the
+// locale (C.UTF-8, en_US.UTF-8 where installed, or C), so the per-locale
+// tables are rebuilt as the locale changes.
 #include <quenlib/qrysstring.h>
 #include <quenlib/slogger.h>
 
@@ -21,8 +25,9 @@ namespace {
 
 void Ignore(void*, char const*, int, char const*, char const*) {}
 
+char const* const kLocales[] = {"C.UTF-8", "en_US.UTF-8", "C"};
+
 bool Setup() {
-  std::setlocale(LC_ALL, "C.UTF-8");
   SetAssertObserver(&Ignore, nullptr);
   SLogger::SetAssertEnabled(false);
   return true;
@@ -85,6 +90,7 @@ bool ReferenceLike(std::string const& pattern, std::string const& text) {
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   static bool ready = Setup();
   (void)ready;
+  if (std::setlocale(LC_ALL, kLocales[size % 3]) == nullptr) std::setlocale(LC_ALL, "C.UTF-8");
   char const* p = reinterpret_cast<char const*>(data);
   char const* zero = static_cast<char const*>(std::memchr(p, 0, size));
   size_t patLen = zero ? static_cast<size_t>(zero - p) : size;
@@ -101,6 +107,14 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
       matched != ReferenceLike(patText, textText))
     __builtin_trap();
   (void)SQueryString::ContainsWildcards(text);
+
+  // The fast decoding against the C library, character by character (the
+  // reference marks a zero byte as no character, the matcher as code 0).
+  std::vector<uint32_t> fast = LowerCodePoints(text.getString(), text.getLength());
+  std::vector<uint32_t> slow = Lowered(text.getString(), text.getLength());
+  if (fast.size() != slow.size()) __builtin_trap();
+  for (size_t i = 0; i < fast.size(); ++i)
+    if (fast[i] != slow[i] && !(fast[i] == 0 && slow[i] == 0x110000u)) __builtin_trap();
 
   // Literal text (no zero bytes, no "*") wrapped must match itself.
   std::string literal(pattern.getString());

@@ -1,10 +1,12 @@
 // sstring.cpp: the out-of-line members of the string template, its
 // characters and flavours, and the locale case mapping.
 //
-// Buffer layout (see SStringBuffer): a 12-byte header, then `allocated`
-// code units. Blocks come from malloc/realloc and go back with free, so
-// that a sole owner can grow in place. The empty buffer is static and is
-// recognised by allocated == 0xFFFFFFFF, never by its address.
+// Buffer layout (see SStringBuffer): a 16-byte header (count, length,
+// allocated, text kind), then `allocated` code units. Blocks come from
+// malloc/realloc (through a per-thread cache of small blocks) and go back
+// with free, so that a sole owner can grow in place. The empty buffer is
+// static and is recognised by allocated == 0xFFFFFFFF, never by its
+// address.
 //
 // Multibyte text is walked with the restartable C functions and a local
 // mbstate_t, so threads never share conversion state. A byte below 0x80 at
@@ -27,11 +29,13 @@
 #endif
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <climits>
 #include <cwchar>
 #include <cwctype>
+#include <langinfo.h>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -141,6 +145,25 @@ char const* NextHighByte(char const* p, char const* end) {
   return p;
 }
 
+// First byte at or after p (before end) that is zero or 0x80 and above;
+// end if none.
+char const* NextHighOrZeroByte(char const* p, char const* end) {
+#if defined(__SSE2__)
+  __m128i const zero = _mm_setzero_si128();
+  while (end - p >= 16) {
+    __m128i v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
+    if (int m = _mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, zero))))
+      return p + __builtin_ctz(static_cast<unsigned>(m));
+    p += 16;
+  }
+#endif
+  while (p < end && static_cast<unsigned char>(*p) - 1u < 0x7Fu) ++p;
+  return p;
+}
+
+// True when every one of the n bytes at p is in 0x01..0x7F.
+bool AllSingleByte(char const* p, size_t n) { return NextHighOrZeroByte(p, p + n) == p + n; }
+
 // The C library's ASCII case-insensitive comparison, unsigned bytes.
 int AsciiCompareNoCase(char const* a, char const* b) {
   for (;; ++a, ++b) {
@@ -221,12 +244,127 @@ unsigned MapCaseText(char const* src, unsigned srcLen, char* dst, unsigned cap,
   return written;
 }
 
-// Lower-cased copy of multibyte text, without assertions (for comparing).
-std::string LowerForCompare(char const* s, unsigned len) {
-  std::string out(static_cast<size_t>(len) * MB_CUR_MAX + 1, '\0');
-  unsigned n = MapCaseText(s, len, out.data(), static_cast<unsigned>(out.size() - 1), false, false);
-  out.resize(n);
-  return out;
+// Scratch room for n values: on the stack for short texts (up to 1 KiB),
+// so that comparing short strings never allocates.
+template <class T>
+class Scratch {
+ public:
+  explicit Scratch(size_t n) {
+    if (n > kInline) {
+      m_heap.reset(new (std::nothrow) T[n]);
+      if (!m_heap) throw SBadAlloc();
+      m_data = m_heap.get();
+    }
+  }
+  Scratch(Scratch const&) = delete;
+  Scratch& operator=(Scratch const&) = delete;
+  T* data() noexcept { return m_data; }
+
+ private:
+  // 1 KiB: a lowered UTF-8 text of 64 bytes needs up to 385 (6 bytes a
+  // character), a wide one 4 bytes a unit.
+  static constexpr size_t kInline = 1024 / sizeof(T);
+  T m_inline[kInline];
+  T* m_data = m_inline;
+  std::unique_ptr<T[]> m_heap;
+};
+
+// Lower-cased copy of len bytes of multibyte text into out, terminated,
+// without assertions (for comparing). out holds len * MB_CUR_MAX + 1.
+void LowerForCompare(char const* s, unsigned len, char* out) {
+  MapCaseText(s, len, out, static_cast<unsigned>(static_cast<size_t>(len) * MB_CUR_MAX), false,
+              false);
+}
+
+// True when the collation of the current locale is plain code-point
+// order (C, POSIX, C.UTF-8): glibc then has no collation rules, and
+// strcoll and wcscoll compare like strcmp and wcscmp.
+bool CodePointCollation() {
+  return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(nl_langinfo(_NL_COLLATE_NRULES))) == 0;
+}
+
+// True when the locale lowers ASCII letters to their ASCII partners. Of
+// glibc's locales only the Turkic ones differ (capital I becomes dotless
+// i there), so the capital I is the one to ask about.
+bool AsciiLowersPlainly() { return std::towlower(L'I') == L'i'; }
+
+template <class U>
+U FoldAscii(U u) {
+  return (u >= 'A' && u <= 'Z') ? static_cast<U>(u + 32) : u;
+}
+
+// Compares two zero-terminated texts as their ASCII-folded code points,
+// like strcmp of the lower-cased texts, looking at no more than the
+// shorter length + 1 units (the terminator). Sets *ascii to false, and
+// decides nothing, when a unit from 0x80 up comes before the texts
+// differ: such a character may fold to anything.
+template <class U>
+int CompareFoldedAscii(U const* a, U const* b, size_t n, bool* ascii) {
+  *ascii = true;
+  size_t i = 0;
+#if defined(__SSE2__)
+  constexpr size_t kLanes = 16 / sizeof(U);
+  auto load = [](U const* p) { return _mm_loadu_si128(reinterpret_cast<__m128i const*>(p)); };
+  auto fold = [](__m128i v) {
+    if constexpr (sizeof(U) == 1) {
+      __m128i up = _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('A' - 1)),
+                                 _mm_cmplt_epi8(v, _mm_set1_epi8('Z' + 1)));
+      return _mm_or_si128(v, _mm_and_si128(up, _mm_set1_epi8(0x20)));
+    } else {
+      __m128i up = _mm_and_si128(_mm_cmpgt_epi16(v, _mm_set1_epi16('A' - 1)),
+                                 _mm_cmplt_epi16(v, _mm_set1_epi16('Z' + 1)));
+      return _mm_or_si128(v, _mm_and_si128(up, _mm_set1_epi16(0x20)));
+    }
+  };
+  // Blocks of ASCII units with no terminator; anything else is left to the
+  // unit loop below.
+  auto plain = [](__m128i v) {
+    __m128i zero = _mm_setzero_si128();
+    if constexpr (sizeof(U) == 1) {
+      return _mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, zero))) == 0;
+    } else {
+      __m128i high = _mm_and_si128(v, _mm_set1_epi16(static_cast<short>(0xFF80)));
+      __m128i bad = _mm_or_si128(_mm_cmpeq_epi16(v, zero), _mm_xor_si128(_mm_cmpeq_epi16(high, zero),
+                                                                        _mm_set1_epi32(-1)));
+      return _mm_movemask_epi8(bad) == 0;
+    }
+  };
+  for (; i + kLanes <= n; i += kLanes) {
+    __m128i va = load(a + i), vb = load(b + i);
+    if (!plain(va) || !plain(vb)) break;
+    unsigned same = static_cast<unsigned>(_mm_movemask_epi8(
+        sizeof(U) == 1 ? _mm_cmpeq_epi8(fold(va), fold(vb)) : _mm_cmpeq_epi16(fold(va), fold(vb))));
+    if (same != 0xFFFFu) {
+      i += static_cast<unsigned>(__builtin_ctz(~same)) / sizeof(U);
+      break;
+    }
+  }
+#endif
+  for (; i <= n; ++i) {
+    uint32_t x = static_cast<std::make_unsigned_t<U>>(a[i]);
+    uint32_t y = static_cast<std::make_unsigned_t<U>>(b[i]);
+    if (x >= 0x80 || y >= 0x80) {
+      *ascii = false;
+      return 0;
+    }
+    x = FoldAscii(x);
+    y = FoldAscii(y);
+    if (x != y) return x < y ? -1 : 1;
+    if (x == 0) break;
+  }
+  return 0;
+}
+
+// Units before the first zero of the len units at s, or -1 when one of
+// them is from 0x80 up.
+template <class U>
+int64_t AsciiLength(U const* s, uint32_t len) {
+  for (uint32_t i = 0; i < len; ++i) {
+    auto u = static_cast<std::make_unsigned_t<U>>(s[i]);
+    if (u == 0) return i;
+    if (u >= 0x80) return -1;
+  }
+  return len;
 }
 
 }  // namespace
@@ -425,7 +563,7 @@ SChar_t<Unit, Flag> SChar_t<Unit, Flag>::toUpper() const noexcept {
 
 template <class Unit, int Flag>
 typename SString_t<Unit, Flag>::_EmptyBuffer SString_t<Unit, Flag>::EmptyBuffer = {
-    SStringBuffer(-1, 0, 0xFFFFFFFFu), 0};
+    SStringBuffer(-1, 0, 0xFFFFFFFFu, kTextSingleByte), 0};
 
 namespace {
 
@@ -436,40 +574,62 @@ constexpr uint32_t kMaxNeed = 0xFFFFFFDEu;
 
 // Short strings come and go far more often than long ones, and a heap
 // allocation plus its release costs more than writing a short text. Blocks
-// of up to kSmallBlock bytes are therefore all allocated at that size and,
-// when released, kept in a per-thread list (at most kCachedBlocks) for the
-// next short string of any flavour. The list is drained at thread exit;
-// a block released after that goes back to the heap.
+// of up to kLargestCached bytes are therefore allocated at the size of
+// their class (96 bytes doubled 0 to 5 times) and, when released, kept in
+// a per-thread list per class for the next string of any flavour: up to
+// 64 blocks of 96 bytes (short texts are by far the most common) and 8 of
+// each larger class, so a thread keeps at most about 54 KiB. The glibc
+// thread cache stops at about 1 KiB, so a string of a kilobyte would
+// otherwise take the slower paths of malloc and free for every private
+// copy. The lists are drained at thread exit; a block released after
+// that goes back to the heap.
 constexpr size_t kSmallBlock = 96;
-constexpr unsigned kCachedBlocks = 64;
+constexpr unsigned kClasses = 6;
+constexpr size_t kLargestCached = kSmallBlock << (kClasses - 1);
+constexpr unsigned kCachedPerClass[kClasses] = {64, 8, 8, 8, 8, 8};
+
+// The class of a block of `bytes` (at most kLargestCached).
+unsigned BlockClass(size_t bytes) noexcept {
+  if (bytes <= kSmallBlock) return 0;
+  return static_cast<unsigned>(std::bit_width((bytes - 1) / kSmallBlock));
+}
+
+constexpr size_t ClassBytes(unsigned k) noexcept { return kSmallBlock << k; }
+
+// What a block of `bytes` is allocated at: its class size when cached.
+size_t BlockBytes(size_t bytes) noexcept {
+  return bytes <= kLargestCached ? ClassBytes(BlockClass(bytes)) : bytes;
+}
 
 struct CachedBlock {
   CachedBlock* next;
 };
 
 struct BlockCache {
-  CachedBlock* head;
-  unsigned count;
+  CachedBlock* head[kClasses];
+  unsigned count[kClasses];
   unsigned char state;  // 0 not yet used, 1 open, 2 closed (thread ending)
 };
 
 // Plain data in the static TLS block: one %fs-relative access, no guard.
-thread_local BlockCache tlsBlocks __attribute__((tls_model("initial-exec"))) = {nullptr, 0, 0};
+thread_local BlockCache tlsBlocks __attribute__((tls_model("initial-exec"))) = {};
 
-void PoisonBlock(void* p) noexcept {
+void PoisonBlock(void* p, size_t bytes) noexcept {
 #if defined(QL_STRING_ASAN)
   ASAN_POISON_MEMORY_REGION(static_cast<char*>(p) + sizeof(CachedBlock),
-                            kSmallBlock - sizeof(CachedBlock));
+                            bytes - sizeof(CachedBlock));
 #else
   (void)p;
+  (void)bytes;
 #endif
 }
 
-void UnpoisonBlock(void* p) noexcept {
+void UnpoisonBlock(void* p, size_t bytes) noexcept {
 #if defined(QL_STRING_ASAN)
-  ASAN_UNPOISON_MEMORY_REGION(p, kSmallBlock);
+  ASAN_UNPOISON_MEMORY_REGION(p, bytes);
 #else
   (void)p;
+  (void)bytes;
 #endif
 }
 
@@ -477,13 +637,15 @@ struct BlockCacheCloser {
   ~BlockCacheCloser() {
     BlockCache& c = tlsBlocks;
     c.state = 2;
-    while (c.head) {
-      CachedBlock* b = c.head;
-      UnpoisonBlock(b);
-      c.head = b->next;
-      std::free(b);
+    for (unsigned k = 0; k < kClasses; ++k) {
+      while (c.head[k]) {
+        CachedBlock* b = c.head[k];
+        UnpoisonBlock(b, ClassBytes(k));
+        c.head[k] = b->next;
+        std::free(b);
+      }
+      c.count[k] = 0;
     }
-    c.count = 0;
   }
 };
 
@@ -496,26 +658,28 @@ void OpenBlockCache(BlockCache& c) noexcept {
 }
 
 void* AllocBlock(size_t bytes) noexcept {
-  if (bytes > kSmallBlock) return std::malloc(bytes);
+  if (bytes > kLargestCached) return std::malloc(bytes);
+  unsigned k = BlockClass(bytes);
   BlockCache& c = tlsBlocks;
-  CachedBlock* b = c.head;
-  if (b == nullptr) return std::malloc(kSmallBlock);
-  UnpoisonBlock(b);
-  c.head = b->next;
-  --c.count;
+  CachedBlock* b = c.head[k];
+  if (b == nullptr) return std::malloc(ClassBytes(k));
+  UnpoisonBlock(b, ClassBytes(k));
+  c.head[k] = b->next;
+  --c.count[k];
   return b;
 }
 
 void ReleaseBlock(void* p, size_t bytes) noexcept {
-  if (bytes <= kSmallBlock) {
+  if (bytes <= kLargestCached) {
+    unsigned k = BlockClass(bytes);
     BlockCache& c = tlsBlocks;
     if (c.state == 0) OpenBlockCache(c);
-    if (c.state == 1 && c.count < kCachedBlocks) {
+    if (c.state == 1 && c.count[k] < kCachedPerClass[k]) {
       auto* b = static_cast<CachedBlock*>(p);
-      b->next = c.head;
-      c.head = b;
-      ++c.count;
-      PoisonBlock(b);
+      b->next = c.head[k];
+      c.head[k] = b;
+      ++c.count[k];
+      PoisonBlock(b, ClassBytes(k));
       return;
     }
   }
@@ -564,12 +728,12 @@ void SString_t<Unit, Flag>::allocBuffer(unsigned n) {
 namespace {
 
 // Grows (or shrinks) a privately owned block in place to cap units. A
-// block never shrinks below kSmallBlock bytes, so any block whose size
-// says "small" can go to the cache of small blocks.
+// block is always at least its class size, so any block whose size names
+// a class can go to that class's cache.
 template <class Buffer, class Unit>
 Buffer* ReallocBlock(Buffer* b, uint32_t cap) {
   size_t bytes = sizeof(Buffer) + static_cast<size_t>(cap) * sizeof(Unit);
-  void* mem = std::realloc(static_cast<void*>(b), std::max(bytes, kSmallBlock));
+  void* mem = std::realloc(static_cast<void*>(b), BlockBytes(bytes));
   if (!mem) throw SBadAlloc();  // the old block is still valid and kept
   Buffer* nb = static_cast<Buffer*>(mem);
   nb->allocated = cap;
@@ -593,6 +757,7 @@ void SString_t<Unit, Flag>::copyOnWrite(unsigned n) {
       if (need > kMaxNeed) throw SBadAlloc();
       m_buffer = ReallocBlock<SStringBuffer, Unit>(old, need + 33);
     }
+    m_buffer->setTextKind(kTextUnknown);
     terminateBuffer(len);
     return;
   }
@@ -639,6 +804,7 @@ Unit* SString_t<Unit, Flag>::concatAllocHelper(unsigned k) {
     ReportZero();
     return nullptr;
   }
+  m_buffer->setTextKind(kTextUnknown);
   terminateBuffer(static_cast<uint32_t>(total));
   return m_buffer->getBuffer() + len;
 }
@@ -697,10 +863,16 @@ void SString_t<Unit, Flag>::concat(Unit const* s, unsigned n) {
   bool inside = !IsEmptyBuffer(*m_buffer) && at >= base &&
                 at < base + static_cast<uintptr_t>(m_buffer->allocated) * sizeof(Unit);
   size_t offset = (at - base) / sizeof(Unit);
+  uint32_t kind = m_buffer->getTextKind();
   Unit* dst = concatAllocHelper(n);
   if (!dst) return;
   if (inside) s = getString() + offset;
   std::memmove(dst, s, static_cast<size_t>(n) * sizeof(Unit));
+  // Short appends to single-byte text are checked at once, so that text
+  // built piece by piece stays known as single-byte.
+  if constexpr (kMultibyte) {
+    if (kind == kTextSingleByte && n <= 64 && AllSingleByte(dst, n)) m_buffer->setTextKind(kind);
+  }
 }
 
 template <class Unit, int Flag>
@@ -769,6 +941,7 @@ unsigned SString_t<Unit, Flag>::countChars() const noexcept {
   Unit const* p = getString();
   unsigned n = 0;
   if constexpr (kMultibyte) {
+    if (isSingleByteText()) return getLength();
     // Runs of bytes below 0x80 are counted in one go.
     Unit const* end = p + ::strnlen(p, getLength());
     while (p < end) {
@@ -796,6 +969,7 @@ unsigned SString_t<Unit, Flag>::getCharIndex(iterator const& it) const noexcept 
     QL_REPORT("iter2 == iter", static_cast<char const*>(nullptr));
     return getLength();
   }
+  if (int64_t off = offsetOf(it); off >= 0 && isSingleByteText()) return static_cast<unsigned>(off);
   Unit const* p = getString();
   unsigned n = 0;
   while (p != target) {
@@ -811,8 +985,26 @@ unsigned SString_t<Unit, Flag>::getCharIndex(iterator const& it) const noexcept 
 template <class Unit, int Flag>
 Unit const* SString_t<Unit, Flag>::charPtr(unsigned i) const noexcept {
   Unit const* p = getString();
+  if constexpr (kMultibyte) {
+    if (isSingleByteText()) return p + std::min(i, getLength());
+  }
   Advance<SString_t>(p, i, endPtr());
   return p;
+}
+
+template <class Unit, int Flag>
+bool SString_t<Unit, Flag>::isSingleByteText() const noexcept {
+  if constexpr (!kMultibyte) {
+    return false;
+  } else {
+    uint32_t kind = m_buffer->getTextKind();
+    if (kind == kTextUnknown) {
+      // The empty buffer is never unknown, so this never writes to it.
+      kind = AllSingleByte(getString(), getLength()) ? kTextSingleByte : kTextMixed;
+      m_buffer->setTextKind(kind);
+    }
+    return kind == kTextSingleByte;
+  }
 }
 
 template <class Unit, int Flag>
@@ -828,21 +1020,61 @@ int64_t SString_t<Unit, Flag>::offsetOf(iterator const& it) const noexcept {
 // ===========================================================================
 // SString_t: editing
 
+namespace {
+
+// A byte below 0x80 (not zero) is a one-byte character in every locale.
+bool IsSingleByteUnit(char c) { return static_cast<unsigned char>(c) - 1u < 0x7Fu; }
+
+}  // namespace
+
 template <class Unit, int Flag>
 void SString_t<Unit, Flag>::setAt(unsigned i, char_type const& c) {
+  // The common case in one place: a one-byte character over a one-byte
+  // character, where neither the length nor what is known of the text
+  // changes.
+  if constexpr (kMultibyte) {
+    uint32_t kind = m_buffer->getTextKind();
+    Unit u = c.getChar();
+    if (i < getLength() && IsSingleByteUnit(u) && c.getNUnits() == 1 &&
+        (kind == kTextSingleByte || (kind == kTextUnknown && isSingleByteText()))) {
+      if (getString()[i] == u) return;
+      copyOnWrite(0);
+      getString()[i] = u;
+      m_buffer->setTextKind(kTextSingleByte);
+      return;
+    }
+  }
   iterator it(charPtr(i));
   setAt(it, c);
 }
 
+// True when the character at p (null: the zero character) is c. The
+// same test as `*it == c`, without assembling the character in memory
+// first (the byte stores and the wider reloads stall the pipeline).
+template <class S, class Unit, class Char>
+bool SameCharAt(Unit const* p, Char const& c) {
+  unsigned n = p ? S::StepLength(p) : 0;
+  if (n > Char::kMaxUnits) n = Char::kMaxUnits;
+  for (unsigned i = 0; i < Char::kMaxUnits; ++i)
+    if ((i < n ? p[i] : Unit(0)) != c.getData().units[i]) return false;
+  return true;
+}
+
 template <class Unit, int Flag>
 void SString_t<Unit, Flag>::setAt(iterator& it, char_type const& c) {
-  if (*it == c) return;  // nothing to do, and no private copy taken
+  // Nothing to do, and no private copy taken.
+  if (SameCharAt<SString_t>(it.m_cursor, c)) return;
   uint32_t len = getLength();
   int64_t off = offsetOf(it);
   int newLen = 1, oldLen = 1;
+  uint32_t kind = kTextUnknown;
   if constexpr (kMultibyte) {
-    newLen = c.getLength();
-    oldLen = it.m_cursor ? MbLen(it.m_cursor) : 0;
+    bool newSingle = IsSingleByteUnit(c.getChar()) && c.getNUnits() == 1;
+    bool oldSingle = it.m_cursor && IsSingleByteUnit(*it.m_cursor);
+    newLen = newSingle ? 1 : c.getLength();
+    oldLen = oldSingle ? 1 : (it.m_cursor ? MbLen(it.m_cursor) : 0);
+    // One-byte for one-byte keeps what is known of the text.
+    if (newSingle && oldSingle) kind = m_buffer->getTextKind();
     if (newLen == -1 || oldLen == -1) {
       QL_REPORT("0", "SString::setAt: Cannot set because c is not a valid character in this locale");
       return;
@@ -864,6 +1096,7 @@ void SString_t<Unit, Flag>::setAt(iterator& it, char_type const& c) {
     terminateBuffer(newTotal);
   }
   std::memcpy(p + off, c.getData().units, static_cast<size_t>(newLen) * sizeof(Unit));
+  m_buffer->setTextKind(kind);
 }
 
 template <class Unit, int Flag>
@@ -916,10 +1149,12 @@ void SString_t<Unit, Flag>::deleteUnits(unsigned off, unsigned n) {
     empty();
     return;
   }
+  uint32_t kind = m_buffer->getTextKind();
   copyOnWrite(0);
   Unit* p = getString();
   std::memmove(p + off, p + off + n, static_cast<size_t>(len - off - n) * sizeof(Unit));
   terminateBuffer(len - n);
+  if (kind == kTextSingleByte) m_buffer->setTextKind(kind);  // what is left is too
 }
 
 namespace {
@@ -931,14 +1166,14 @@ unsigned Advance(Unit const*& p, unsigned n, Unit const* end) {
   unsigned done = 0;
   if constexpr (S::kMultibyte) {
     // The text ends at its first zero byte; runs of one-byte characters
-    // are skipped in one go.
-    end = p + ::strnlen(p, static_cast<size_t>(end - p));
-    while (done < n && p < end) {
+    // are skipped in one go, looking no further than the characters still
+    // to step.
+    while (done < n && p < end && *p != 0) {
       if (static_cast<unsigned char>(*p) < 0x80) {
-        size_t take = static_cast<size_t>(NextHighByte(p, end) - p);
-        if (take > n - done) take = n - done;
-        p += take;
-        done += static_cast<unsigned>(take);
+        char const* stop = static_cast<size_t>(end - p) > n - done ? p + (n - done) : end;
+        char const* q = NextHighOrZeroByte(p, stop);
+        done += static_cast<unsigned>(q - p);
+        p = q;
       } else {
         p += S::StepLength(p);
         ++done;
@@ -1045,8 +1280,10 @@ void SString_t<Unit, Flag>::trimRight() {
     empty();
     return;
   }
+  uint32_t kind = m_buffer->getTextKind();
   copyOnWrite(0);
   terminateBuffer(n);
+  if (kind == kTextSingleByte) m_buffer->setTextKind(kind);
 }
 
 // ===========================================================================
@@ -1178,6 +1415,41 @@ char const* FindMultibyte(char const* h, char const* end, char const* needle, un
   return end;
 }
 
+// First match of the n-unit needle (n >= 1) in [h, end) of UTF-16 text;
+// null when there is none. Candidates are the positions where both the
+// needle's first and its last unit match, eight positions per SSE2 step:
+// testing two units rules out far more positions than the first alone
+// would in ordinary text, so the full comparison runs rarely.
+WChar const* FindWide(WChar const* h, WChar const* end, WChar const* needle, unsigned n) {
+  if (static_cast<size_t>(end - h) < n) return nullptr;
+  WChar const* last = end - n;  // the last position a match can start at
+  WChar const first = needle[0], tail = needle[n - 1];
+  WChar const* p = h;
+#if defined(__SSE2__)
+  __m128i const vFirst = _mm_set1_epi16(static_cast<short>(first));
+  __m128i const vTail = _mm_set1_epi16(static_cast<short>(tail));
+  auto hits = [&](WChar const* at) {
+    __m128i a = _mm_loadu_si128(reinterpret_cast<__m128i const*>(at));
+    __m128i b = _mm_loadu_si128(reinterpret_cast<__m128i const*>(at + n - 1));
+    return _mm_and_si128(_mm_cmpeq_epi16(a, vFirst), _mm_cmpeq_epi16(b, vTail));
+  };
+  // Two blocks per step with one test of the combined flags: hits are rare.
+  for (; last - p >= 15; p += 16) {
+    __m128i lo = hits(p), hi = hits(p + 8);
+    if (_mm_movemask_epi8(_mm_or_si128(lo, hi)) == 0) continue;
+    uint32_t mask = static_cast<uint32_t>(_mm_movemask_epi8(lo)) |
+                    (static_cast<uint32_t>(_mm_movemask_epi8(hi)) << 16);
+    for (; mask != 0; mask &= mask - 1, mask &= mask - 1) {  // two bits a unit
+      WChar const* c = p + (__builtin_ctz(mask) >> 1);
+      if (std::memcmp(c + 1, needle + 1, (n - 1) * sizeof(WChar)) == 0) return c;
+    }
+  }
+#endif
+  for (; p <= last; ++p)
+    if (*p == first && p[n - 1] == tail && std::memcmp(p, needle, n * sizeof(WChar)) == 0) return p;
+  return nullptr;
+}
+
 // First match of needle in [h, hEnd) (hEnd null: up to the terminator);
 // the end (hEnd, or the terminator) when there is none. The text ends at
 // its first zero unit in any case.
@@ -1190,11 +1462,8 @@ Unit const* FindUnits(Unit const* h, Unit const* hEnd, Unit const* needle, unsig
       void const* m = ::memmem(h, static_cast<size_t>(hEnd - h), needle, n);
       return m ? static_cast<Unit const*>(m) : hEnd;
     } else {
-      Unit first = needle[0];
-      Unit const* last = hEnd - n;
-      for (Unit const* p = h; p <= last; ++p)
-        if (*p == first && MatchAt<S>(p, needle, n)) return p;
-      return hEnd;
+      Unit const* m = FindWide(h, hEnd, needle, n);
+      return m ? m : hEnd;
     }
   } else {
     Unit const* end = h + (hEnd ? ::strnlen(h, static_cast<size_t>(hEnd - h)) : std::strlen(h));
@@ -1293,26 +1562,96 @@ int SString_t<Unit, Flag>::compare(SString_t const& o) const {
   }
 }
 
+namespace {
+
+// Locale collation of two lower-cased texts: a negative, zero or positive
+// value; *failed when the C library reports an error.
+int CollateLowered(char const* a, char const* b, bool* failed) {
+  errno = 0;
+  int r = std::strcoll(a, b);
+  *failed = (errno != 0);
+  return Sign(r);
+}
+
+int CollateLowered(wchar_t const* a, wchar_t const* b, bool* failed) {
+  errno = 0;
+  int r = std::wcscoll(a, b);
+  *failed = (errno != 0);
+  return Sign(r);
+}
+
+// ASCII-only texts (up to their first zero), folded with a plain loop and
+// collated; false when either text has a unit from 0x80 up.
+template <class U, class C>
+bool CollateAsciiFolded(U const* a, uint32_t la, U const* b, uint32_t lb, int* result) {
+  int64_t na = AsciiLength(a, la), nb = AsciiLength(b, lb);
+  if (na < 0 || nb < 0) return false;
+  Scratch<C> fa(static_cast<size_t>(na) + 1), fb(static_cast<size_t>(nb) + 1);
+  for (int64_t i = 0; i < na; ++i) fa.data()[i] = static_cast<C>(FoldAscii(a[i]));
+  for (int64_t i = 0; i < nb; ++i) fb.data()[i] = static_cast<C>(FoldAscii(b[i]));
+  fa.data()[na] = 0;
+  fb.data()[nb] = 0;
+  bool failed = false;
+  int r = CollateLowered(fa.data(), fb.data(), &failed);
+  // Folded ASCII never fails to collate; if it did, byte order decides,
+  // as it does for any text.
+  *result = failed ? Sign(std::char_traits<C>::compare(fa.data(), fb.data(), static_cast<size_t>(std::min(na, nb)) + 1))
+                   : r;
+  return true;
+}
+
+// UTF-16 text as lower-cased wide text (a pair becomes one code point, a
+// lone surrogate keeps its value), terminated; out holds n + 1.
+void LowerWide(WChar const* s, uint32_t n, wchar_t* out) {
+  size_t k = 0;
+  for (uint32_t i = 0; i < n; ++i) {
+    uint32_t u = s[i];
+    if (u >= 0xD800 && u <= 0xDBFF && i + 1 < n && s[i + 1] >= 0xDC00 && s[i + 1] <= 0xDFFF) {
+      u = 0x10000 + ((u - 0xD800) << 10) + (s[i + 1] - 0xDC00);
+      ++i;
+    }
+    out[k++] = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(u)));
+  }
+  out[k] = 0;
+}
+
+}  // namespace
+
 template <class Unit, int Flag>
 int SString_t<Unit, Flag>::compareNoCase(SString_t const& o) const {
-  if constexpr (kMultibyte) {
-    std::string a = LowerForCompare(getString(), getLength());
-    std::string b = LowerForCompare(o.getString(), o.getLength());
-    errno = 0;
-    int r = std::strcoll(a.c_str(), b.c_str());
-    if (errno != 0) return AsciiCompareNoCase(getString(), o.getString());
-    return Sign(r);
-  } else if constexpr (sizeof(Unit) == 1) {
-    return AsciiCompareNoCase(getString(), o.getString());
+  Unit const* a = getString();
+  Unit const* b = o.getString();
+  uint32_t la = getLength(), lb = o.getLength();
+  if constexpr (sizeof(Unit) == 1 && !kMultibyte) {
+    return AsciiCompareNoCase(a, b);
   } else {
-    std::wstring a = ToWide(getString(), getLength());
-    std::wstring b = ToWide(o.getString(), o.getLength());
-    for (wchar_t& w : a) w = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(w)));
-    for (wchar_t& w : b) w = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(w)));
+    // ASCII text folds with a plain loop where the locale lowers ASCII
+    // letters plainly; in code-point collation the folded texts then
+    // compare directly.
+    bool plainFold = AsciiLowersPlainly();
+    if (plainFold && CodePointCollation()) {
+      bool ascii = false;
+      int r = CompareFoldedAscii(a, b, std::min(la, lb), &ascii);
+      if (ascii) return r;
+    }
+    using C = std::conditional_t<kMultibyte, char, wchar_t>;
+    int r = 0;
+    if (plainFold && CollateAsciiFolded<Unit, C>(a, la, b, lb, &r)) return r;
     bool failed = false;
-    int r = CollateWide(a, b, &failed);
-    if (failed) return Sign(std::wcscmp(a.c_str(), b.c_str()));
-    return Sign(r);
+    if constexpr (kMultibyte) {
+      Scratch<char> fa(static_cast<size_t>(la) * MB_CUR_MAX + 1);
+      Scratch<char> fb(static_cast<size_t>(lb) * MB_CUR_MAX + 1);
+      LowerForCompare(a, la, fa.data());
+      LowerForCompare(b, lb, fb.data());
+      r = CollateLowered(fa.data(), fb.data(), &failed);
+      return failed ? AsciiCompareNoCase(a, b) : r;
+    } else {
+      Scratch<wchar_t> fa(static_cast<size_t>(la) + 1), fb(static_cast<size_t>(lb) + 1);
+      LowerWide(a, la, fa.data());
+      LowerWide(b, lb, fb.data());
+      r = CollateLowered(fa.data(), fb.data(), &failed);
+      return failed ? Sign(std::wcscmp(fa.data(), fb.data())) : r;
+    }
   }
 }
 

@@ -37,11 +37,28 @@ constexpr int EffectiveRadix(int radix) noexcept {
   return sizeof(T) == 2 ? 10 : radix;
 }
 
+// A string whose digits are written straight into its own fresh buffer:
+// no intermediate array and no copy (reading back the digits just
+// written, in wider pieces than they were stored, stalls the processor).
+template <class Str>
+struct DigitsInPlace : Str {
+  // A private buffer of kStringConvUnits units (the allocation adds 32
+  // spare ones to what it is asked for).
+  typename Str::unit_type* reserve() {
+    static_assert(kStringConvUnits > 32);
+    this->allocBuffer(kStringConvUnits - 32);
+    return this->getString();
+  }
+  void finish(unsigned n) { this->terminateBuffer(n); }
+};
+
 template <class Str, class T>
 Str ToStringOf(T value, int radix) {
-  typename Str::unit_type buf[kStringConvUnits];
-  int32_t n = StringConvFromInteger(buf, value, EffectiveRadix<T>(radix));
-  return Str(buf, static_cast<unsigned>(n));
+  DigitsInPlace<Str> r;
+  int32_t n = StringConvFromInteger(r.reserve(), value, EffectiveRadix<T>(radix));
+  if (n <= 0) return Str();  // a bad radix: the empty text, as ever
+  r.finish(static_cast<unsigned>(n));
+  return r;
 }
 
 template <class T>

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <cwchar>
 #include <cwctype>
+#include <langinfo.h>
 
 #include "diagnostics/assert.h"
 
@@ -44,6 +45,129 @@ uint32_t LowerCharAt(char const* p, size_t n, size_t* len) {
   }
   *len = r;
   return static_cast<uint32_t>(std::towlower(static_cast<wint_t>(wc)));
+}
+
+// What the matcher keeps per thread about the locale's character set:
+// whether it is UTF-8 (whose characters the matcher then decodes itself
+// instead of asking mbrtowc for each one), and the lowered forms of the
+// code points below kCachedLowering (the one- and two-byte UTF-8
+// characters: Latin, Greek, Cyrillic, Hebrew, Arabic), filled from towlower
+// once per thread and locale. Both belong to the LC_CTYPE data whose
+// code-set name sits at `codeset`: another locale has another one.
+constexpr uint32_t kCachedLowering = 0x800;
+
+struct Lowering {
+  char const* codeset;
+  uint32_t* lower;  // null until the first UTF-8 text of the thread
+  bool utf8;
+};
+
+// Plain data in the static TLS block: one %fs-relative access, no guard.
+thread_local Lowering tlsLowering __attribute__((tls_model("initial-exec"))) = {nullptr, nullptr, false};
+
+// Frees the thread's table when the thread ends.
+struct LoweringCloser {
+  ~LoweringCloser() {
+    std::free(tlsLowering.lower);
+    tlsLowering.lower = nullptr;
+    tlsLowering.codeset = nullptr;
+  }
+};
+
+Lowering& CurrentLowering() {
+  char const* codeset = nl_langinfo(CODESET);
+  Lowering& l = tlsLowering;
+  if (codeset == l.codeset) return l;
+  l.codeset = codeset;
+  l.utf8 = std::strcmp(codeset, "UTF-8") == 0;
+  if (!l.utf8) return l;
+  if (!l.lower) {
+    static thread_local LoweringCloser closer;
+    (void)&closer;
+    l.lower = static_cast<uint32_t*>(std::malloc(kCachedLowering * sizeof(uint32_t)));
+  }
+  if (l.lower) {
+    for (uint32_t cp = 0; cp < kCachedLowering; ++cp)
+      l.lower[cp] = static_cast<uint32_t>(std::towlower(static_cast<wint_t>(cp)));
+  }
+  return l;
+}
+
+// towlower, from the table for the common scripts.
+uint32_t LowerCodePoint(uint32_t cp, Lowering const& l) {
+  if (cp < kCachedLowering && l.lower) return l.lower[cp];
+  return static_cast<uint32_t>(std::towlower(static_cast<wint_t>(cp)));
+}
+
+// The code point of the UTF-8 character at p (n bytes left, p[0] from
+// 0x80 up) and its length, by the C library's rules: sequences of up to
+// six bytes for values up to 0x7FFFFFFF, no overlong forms, no
+// surrogates. 0 when the bytes are invalid or incomplete.
+[[gnu::always_inline]] inline size_t DecodeUtf8(unsigned char const* p, size_t n, uint32_t* cp) {
+  static constexpr uint32_t kMin[7] = {0, 0, 0x80, 0x800, 0x10000, 0x200000, 0x4000000};
+  unsigned char const b = p[0];
+  // The two-byte characters first: the common case of European text.
+  if (b >= 0xC2 && b <= 0xDF && n >= 2 && (p[1] & 0xC0) == 0x80) {
+    *cp = ((b & 0x1Fu) << 6) | (p[1] & 0x3Fu);
+    return 2;
+  }
+  size_t len = b >= 0xFC ? (b >= 0xFE ? 0 : 6)
+               : b >= 0xF8 ? 5
+               : b >= 0xF0 ? 4
+               : b >= 0xE0 ? 3
+               : b >= 0xC0 ? 2
+                           : 0;
+  if (len == 0 || len > n) return 0;
+  uint32_t v = b & (0x7Fu >> len);
+  for (size_t k = 1; k < len; ++k) {
+    if ((p[k] & 0xC0) != 0x80) return 0;
+    v = (v << 6) | (p[k] & 0x3Fu);
+  }
+  if (v < kMin[len] || (v >= 0xD800 && v <= 0xDFFF)) return 0;
+  *cp = v;
+  return len;
+}
+
+// Lowers the ASCII bytes at the start of the 16 at p into code points at
+// out; returns how many (16 when all are ASCII). All 16 places of out may
+// be written: those after the count hold nothing of use.
+size_t LowerAscii16(char const* p, uint32_t* out) {
+#if defined(__SSE2__)
+  __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
+  int const high = _mm_movemask_epi8(v);
+  __m128i const up = _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('A' - 1)),
+                                   _mm_cmplt_epi8(v, _mm_set1_epi8('Z' + 1)));
+  __m128i const low = _mm_or_si128(v, _mm_and_si128(up, _mm_set1_epi8(0x20)));
+  __m128i const zero = _mm_setzero_si128();
+  __m128i const half0 = _mm_unpacklo_epi8(low, zero), half1 = _mm_unpackhi_epi8(low, zero);
+  auto* o = reinterpret_cast<__m128i*>(out);
+  _mm_storeu_si128(o + 0, _mm_unpacklo_epi16(half0, zero));
+  _mm_storeu_si128(o + 1, _mm_unpackhi_epi16(half0, zero));
+  _mm_storeu_si128(o + 2, _mm_unpacklo_epi16(half1, zero));
+  _mm_storeu_si128(o + 3, _mm_unpackhi_epi16(half1, zero));
+  return high == 0 ? 16 : static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(high)));
+#else
+  size_t k = 0;
+  for (; k < 16 && static_cast<unsigned char>(p[k]) < 0x80; ++k)
+    out[k] = LowerAscii(static_cast<unsigned char>(p[k]));
+  return k;
+#endif
+}
+
+// LowerCharAt for a UTF-8 locale.
+uint32_t LowerUtf8CharAt(char const* p, size_t n, size_t* len, Lowering const& l) {
+  auto const* u = reinterpret_cast<unsigned char const*>(p);
+  if (u[0] < 0x80) {
+    *len = 1;
+    return LowerAscii(u[0]);
+  }
+  uint32_t cp = 0;
+  *len = DecodeUtf8(u, n, &cp);
+  if (*len == 0) {
+    *len = 1;
+    return 0x110000u + u[0];
+  }
+  return LowerCodePoint(cp, l);
 }
 
 // The characters of a locale text as separate strings.
@@ -91,6 +215,16 @@ constexpr unsigned kStackCodes = 256;
 
 // True when no byte of p[0..n) is 0x80 or above.
 bool IsAsciiText(char const* p, size_t n) {
+#if defined(__SSE2__)
+  if (n >= 16) {
+    // Sixteen bytes a step; the last step ends at n, overlapping the one
+    // before it.
+    for (size_t i = 0; i + 16 < n; i += 16)
+      if (_mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p + i))) != 0)
+        return false;
+    return _mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p + n - 16))) == 0;
+  }
+#endif
   size_t i = 0;
   uint64_t high = 0;
   for (; i + 8 <= n; i += 8) {
@@ -131,6 +265,14 @@ bool SameLoweredWords(unsigned char const* text, char const* want, size_t n) {
 // none). The ASCII view compares 16 bytes at a time against c and, for a
 // letter, its capital: only those two bytes lower to c.
 size_t NextCandidate(CodeSpan const& t, size_t from, size_t limit, uint32_t c) {
+#if defined(__SSE2__)
+  __m128i const want = _mm_set1_epi32(static_cast<int>(c));
+  for (; from + 4 <= limit; from += 4) {
+    __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(t.p + from));
+    if (int hit = _mm_movemask_epi8(_mm_cmpeq_epi32(v, want)))
+      return from + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(hit))) / 4;
+  }
+#endif
   while (from < limit && t.p[from] != c) ++from;
   return from;
 }
@@ -183,9 +325,14 @@ inline bool LiteralAt(Atom const& atom, AsciiText const& text, size_t p) {
   return LowerAscii(text.p[p]) == static_cast<unsigned char>(want[0]);
 }
 
+// Literals are short: a plain loop beats a call to memcmp.
 template <class Atom>
 bool LiteralAt(Atom const& atom, CodeSpan const& text, size_t p) {
-  return std::equal(atom.chars.begin(), atom.chars.end(), text.p + p);
+  uint32_t const* want = atom.chars.data();
+  uint32_t const* at = text.p + p;
+  for (size_t k = 0, n = atom.chars.size(); k < n; ++k)
+    if (at[k] != want[k]) return false;
+  return true;
 }
 
 
@@ -194,10 +341,12 @@ bool LiteralAt(Atom const& atom, CodeSpan const& text, size_t p) {
 std::vector<uint32_t> LowerCodePoints(char const* text, unsigned length) {
   std::vector<uint32_t> out;
   out.reserve(length);
+  Lowering& lowering = CurrentLowering();
   size_t i = 0;
   while (i < length) {
     size_t len = 1;
-    out.push_back(LowerCharAt(text + i, length - i, &len));
+    out.push_back(lowering.utf8 ? LowerUtf8CharAt(text + i, length - i, &len, lowering)
+                                : LowerCharAt(text + i, length - i, &len));
     i += len;
   }
   return out;
@@ -472,11 +621,20 @@ bool SQueryString::like(SAnsiString const& text) {
   }
   if (n > kStackCodes) return doMatch(LowerCodePoints(p, n));
   // Short texts (the usual case) are lowered into the stack, not the heap.
-  uint32_t codes[kStackCodes];
+  uint32_t codes[kStackCodes + 16];  // room for a last block of 16
   size_t count = 0;
+  Lowering& lowering = CurrentLowering();
   for (size_t i = 0; i < n;) {
+    // Runs of ASCII go sixteen bytes at a time.
+    if (i + 16 <= n && static_cast<unsigned char>(p[i]) < 0x80) {
+      size_t const k = LowerAscii16(p + i, codes + count);
+      i += k;
+      count += k;
+      if (k == 16 || i >= n) continue;
+    }
     size_t len = 1;
-    codes[count++] = LowerCharAt(p + i, n - i, &len);
+    codes[count++] = lowering.utf8 ? LowerUtf8CharAt(p + i, n - i, &len, lowering)
+                                   : LowerCharAt(p + i, n - i, &len);
     i += len;
   }
   auto one = [this](Atom const& atom, uint32_t c) { return isAMatch(atom, c); };

@@ -170,3 +170,29 @@ TEST_F(QueryStringUtf8, SegmentsBetweenPercents) {
   for (Row const& r : rows)
     EXPECT_EQ(SQueryString(r.pattern).like(r.text.c_str()), r.match) << r.pattern << " / " << r.text;
 }
+
+// The matcher decodes UTF-8 and keeps lowered forms per thread and locale:
+// a change of locale between matches must be seen by the next match (in
+// the C locale the bytes from 0x80 up are no characters, so nothing folds
+// and "_" takes one byte).
+TEST(QueryString, LocaleChangesBetweenMatches) {
+  struct Row {
+    char const* locale;
+    char const* pattern;
+    char const* text;
+    bool match;
+  };
+  Row const rows[] = {
+      {"C.UTF-8", "%\xC3\xA9l\xC3\xA8ve%", "DES \xC3\x89L\xC3\x88VES", true},
+      {"C", "%\xC3\xA9l\xC3\xA8ve%", "DES \xC3\x89L\xC3\x88VES", false},
+      {"C", "_l_ve", "\xC3\xA9l\xC3\xA8ve", false},
+      {"C", "__l__ve", "\xC3\xA9l\xC3\xA8ve", true},
+      {"C.UTF-8", "_l_ve", "\xC3\x89L\xC3\x88VE", true},
+      {"C.UTF-8", "%\xCE\xB1\xCE\xB8\xCE\xAE\xCE\xBD\xCE\xB1", "\xCE\x91\xCE\x98\xCE\x89\xCE\x9D\xCE\x91", true},
+  };
+  for (Row const& r : rows) {
+    quentest::LocaleScope scope(r.locale);
+    SQueryString q(r.pattern);  // parsed in the row's locale, like the text
+    EXPECT_EQ(q.like(SAnsiString(r.text)), r.match) << r.locale << ": " << r.pattern << " / " << r.text;
+  }
+}

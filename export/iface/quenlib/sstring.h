@@ -170,23 +170,38 @@ class QUENLIB_API SString_t {
   using char_type = SChar_t<Unit, Flag>;
   static constexpr bool kMultibyte = (Flag == 0);
 
-  // The shared record: three 32-bit words, then `allocated` code units.
+  // What is known of a multibyte text's bytes (SStringBuffer::textKind).
+  // Positions and counts of single-byte text need no walk.
+  enum : uint32_t {
+    kTextUnknown = 0,     // not looked at since the last change
+    kTextSingleByte = 1,  // every unit in 0x01..0x7F: one character each
+    kTextMixed = 2,       // some unit is 0 or from 0x80 up
+  };
+
+  // The shared record: four 32-bit words, then `allocated` code units.
   // Invariant: length < allocated and getBuffer()[length] == 0.
   struct SStringBuffer {
     SInterlockedInt32s count;  // strings pointing here; -1 for the empty one
     uint32_t length;           // units in use, terminator excluded
     uint32_t allocated;        // units the array can hold
+    // kText* of the multibyte flavour (unused by the others). Readers of
+    // a shared buffer may fill in an unknown kind, so it is only ever
+    // accessed with relaxed atomic loads and stores.
+    uint32_t textKind;
 
-    constexpr SStringBuffer() noexcept : count(0), length(0), allocated(0) {}
-    constexpr SStringBuffer(int32_t c, uint32_t len, uint32_t alloc) noexcept
-        : count(c), length(len), allocated(alloc) {}
+    constexpr SStringBuffer() noexcept : count(0), length(0), allocated(0), textKind(0) {}
+    constexpr SStringBuffer(int32_t c, uint32_t len, uint32_t alloc, uint32_t kind = 0) noexcept
+        : count(c), length(len), allocated(alloc), textKind(kind) {}
     SStringBuffer(SStringBuffer const&) noexcept = default;
     SStringBuffer& operator=(SStringBuffer const&) noexcept = default;
     void Initialize() noexcept {
       count.nonInterlockedSet(1);
       length = 0;
       allocated = 0;
+      setTextKind(kTextUnknown);
     }
+    uint32_t getTextKind() const noexcept { return __atomic_load_n(&textKind, __ATOMIC_RELAXED); }
+    void setTextKind(uint32_t k) noexcept { __atomic_store_n(&textKind, k, __ATOMIC_RELAXED); }
     // The character array follows the header directly.
     Unit* getBuffer() noexcept { return reinterpret_cast<Unit*>(this + 1); }
     Unit const* getBuffer() const noexcept {
@@ -195,7 +210,8 @@ class QUENLIB_API SString_t {
   };
 
   // The one static empty buffer: count -1, length 0, allocated 0xFFFFFFFF
-  // (the marker), then a zero unit. Never counted, written or freed.
+  // (the marker), single-byte text, then a zero unit. Never counted,
+  // written or freed.
   struct _EmptyBuffer {
     SStringBuffer header;
     Unit terminator;
@@ -361,9 +377,7 @@ class QUENLIB_API SString_t {
     if constexpr (!kMultibyte) {
       return i < m_buffer->length ? char_type(getString()[i]) : char_type();
     }
-    iterator it(*this);
-    it += i;
-    return *it;
+    return *iterator(charPtr(i));
   }
   char_type getAt(iterator const& it) const noexcept { return *it; }
   Unit const* getString() const noexcept { return m_buffer->getBuffer(); }
@@ -475,11 +489,16 @@ class QUENLIB_API SString_t {
   // pointer without releasing (the caller copies from and releases the old).
   void allocBuffer(unsigned n);
   // A private buffer with room for max(n, length) units and the
-  // terminator; the text is kept.
+  // terminator; the text is kept, its kind becomes unknown (the caller is
+  // about to write).
   void copyOnWrite(unsigned n);
   // Reserves k more units at the end (length grows by k, terminated) and
-  // returns where they go; null for k == 0 or on length overflow.
+  // returns where they go; null for k == 0 or on length overflow. The
+  // text's kind becomes unknown.
   Unit* concatAllocHelper(unsigned k);
+  // Multibyte flavour: true when every unit of the text is in 0x01..0x7F,
+  // looked up once per version of the text and remembered in the buffer.
+  bool isSingleByteText() const noexcept;
   void releaseBuffer() noexcept {
     ReleaseBuffer(m_buffer);
     m_buffer = nullptr;
@@ -501,7 +520,8 @@ class QUENLIB_API SString_t {
     m_buffer = b;
     if (!IsEmptyBuffer(*b)) b->count.exchangeInc();
   }
-  // Makes the buffer private with room for n units plus the terminator.
+  // Makes the buffer private with room for n units plus the terminator,
+  // for the caller to write the text through getString().
   void setBufferSize(unsigned n) { copyOnWrite(n); }
   // Sets the length to n (n < allocated) and writes the terminator there.
   void terminateBuffer(unsigned n) noexcept {
@@ -533,6 +553,9 @@ class QUENLIB_API SString_t {
       p[len] = c.getChar();
       p[len + 1] = 0;
       b->length = len + 1;
+      if constexpr (kMultibyte) {
+        if (static_cast<unsigned char>(c.getChar()) >= 0x80) b->setTextKind(kTextMixed);
+      }
       return;
     }
     concat(c.getData().units, n);
