@@ -18,11 +18,13 @@ fuzz_seconds="${FUZZ_SECONDS:-1800}"
 soak_seconds="${SOAK_SECONDS:-600}"
 out="$root/build/reliability"
 results="$out/results.md"
-plain="$root/build/valgrind"
+plain="${RELIABILITY_BUILD:-$root/build/valgrind}"  # a build without sanitizers
 mkdir -p "$out/logs"
 status=0
 
 row() { echo "$*" | tee -a "$results"; }
+timeserver_pid=
+trap '[ -n "$timeserver_pid" ] && kill -9 "$timeserver_pid" 2>/dev/null' EXIT
 
 # A build without sanitizers, with tests, tools and examples, for valgrind
 # and for the soaks (sanitizer quarantines would hide the memory figures).
@@ -93,7 +95,7 @@ soak_timeserver() {
   local pidfile="$out/timeserver.pid" pid start next base_rss=0 base_fds=0 max_rss=0 max_fds=0 asked=0 failed=0
   "$server" -trace w -pidfile "$pidfile" >"$out/logs/timeserver.log" 2>&1 &
   pid=$!
-  trap 'kill -9 "$pid" 2>/dev/null' RETURN
+  timeserver_pid=$pid
   for _ in $(seq 100); do "$quen" net line 127.0.0.1:7070 --send utc >/dev/null 2>&1 && break; sleep 0.1; done
   start=$SECONDS
   next=$start
@@ -120,6 +122,7 @@ soak_timeserver() {
     status=1
   fi
   kill -TERM "$pid" && wait "$pid"
+  timeserver_pid=
   row "| timeserver | total ${soak_seconds} s | $asked requests | $failed failed | RSS $base_rss -> max $max_rss KiB | fds $base_fds -> max $max_fds, $verdict |"
 }
 
@@ -132,7 +135,7 @@ run_soak() {
   (cd "$plain/tests" && QUENLIB_TEST=1 QUENLIB_SOAK_SECONDS="$soak_seconds" ./test_soak \
     --gtest_also_run_disabled_tests --gtest_filter='Soak.*' >"$out/logs/soak-clients.log" 2>&1) || status=1
   grep '^| ' "$out/logs/soak-clients.log" | tee -a "$results"
-  grep -E '^\[  (SKIPPED|FAILED) ' "$out/logs/soak-clients.log" | sed 's/^/  /' | tee -a "$results"
+  grep -E '^\[  (SKIPPED|FAILED) +\] Soak\.[A-Za-z_]+ \(' "$out/logs/soak-clients.log" | sed 's/^/  /' | tee -a "$results"
 }
 
 parts=("$@")
