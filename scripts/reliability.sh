@@ -3,8 +3,9 @@
 #   fuzz      every libFuzzer target for FUZZ_SECONDS (default 1800), one at
 #             a time, starting from fuzz/corpus/<target>/ and merging what it
 #             found back into it, minimised (-merge=1)
-#   valgrind  every unit-test program under valgrind memcheck (definite
-#             leaks are errors), from a build without sanitizers
+#   valgrind  every unit-test program (or those named in VALGRIND_TESTS)
+#             under valgrind memcheck (definite leaks are errors), from a
+#             build without sanitizers
 #   soak      the sample server and each client against its real local
 #             server for SOAK_SECONDS each (default 600), resident memory
 #             and descriptors sampled every 10 s
@@ -73,7 +74,13 @@ run_valgrind() {
   row "| test program | under | tests | definitely lost | memcheck errors |"
   row "|---|---|---|---|---|"
   plain_build || { row "| (build) | | failed, see $out/logs/plain-build.log | | |"; status=1; return; }
-  for t in "$plain"/tests/test_*; do
+  local programs=("$plain"/tests/test_*)
+  # VALGRIND_TESTS="test_a test_b" runs those programs only, in that order.
+  if [ -n "${VALGRIND_TESTS:-}" ]; then
+    read -ra programs <<<"$VALGRIND_TESTS"
+    programs=("${programs[@]/#/$plain/tests/}")
+  fi
+  for t in "${programs[@]}"; do
     [ -x "$t" ] || continue
     local name log tests lost errors
     name=$(basename "$t")
