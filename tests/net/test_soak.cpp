@@ -59,6 +59,9 @@ void soak(char const* name, std::function<bool()> const& exchange) {
 
 TEST(Soak, DISABLED_SmtpAgainstAiosmtpd) {
   if (!smtptest::haveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
+  // The test server ends by itself after 600 s unless told to live longer.
+  char const* soakSeconds = std::getenv("QUENLIB_SOAK_SECONDS");
+  ::setenv("QUENLIB_SMTP_SERVER_SECONDS", std::to_string((soakSeconds ? std::atoi(soakSeconds) : 600) + 300).c_str(), 1);
   smtptest::Server server({"auth"});
   ASSERT_NE(server.port(), 0);
   CSISMTPMessage message("me@example.org");
