@@ -8,6 +8,7 @@
 #include "diagnostics/assert.h"
 #include "diagnostics/trace.h"
 #include "net/pathlevels.h"
+#include "net/replydeadline.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -226,8 +227,8 @@ bool CSIftp::simpleCommand(char const* command, SAnsiString const& argument, int
   return code == ok1 || code == ok2;
 }
 
-void CSIftp::CheckReceiveTimeout(unsigned int socket) {
-  int const ready = CSISocket::isReadable(socket, m_receiveTimeout);
+void CSIftp::CheckReceiveTimeout(unsigned int socket, int seconds) {
+  int const ready = seconds > 0 ? CSISocket::isReadable(socket, seconds) : 0;
   if (ready == 0) fail(CSIftpException::catSocket, "Timed out reading data from FTP server.");
   if (ready < 0)
     fail(CSIftpException::catSocket,
@@ -236,11 +237,17 @@ void CSIftp::CheckReceiveTimeout(unsigned int socket) {
 
 // Refills the control connection's buffer: the bytes read, 0 when the
 // server closed the connection.
-int CSIftp::fillLineBuffer() {
+int CSIftp::fillLineBuffer(ReplyDeadline const& deadline) {
   if (m_control == INVALID_SOCKET)
     fail(CSIftpException::catConnection,
          "A valid control connection do not exist, try to connect to a ftp server first");
-  CheckReceiveTimeout(m_control);
+  try {
+    CheckReceiveTimeout(m_control, deadline.left());
+  } catch (CSIftpException const&) {
+    // The rest of a late reply would be read as the answer to the next command.
+    CloseControlConnection();
+    throw;
+  }
   int n = 0;
   do {
     n = CSISocket::recv(m_control, m_pending, static_cast<int>(sizeof m_pending), 0);
@@ -256,11 +263,11 @@ int CSIftp::fillLineBuffer() {
 // One line up to its LF (CR LF dropped). A line longer than the line
 // buffer comes back in pieces, as the 1,024-byte buffer always cut it.
 // False when the server closed the connection before any byte.
-bool CSIftp::GetLine(SAnsiString& line) {
+bool CSIftp::GetLine(SAnsiString& line, ReplyDeadline const& deadline) {
   std::string text;
   size_t const room = LINE_BUFFER_SIZE - 1;
   while (text.size() < room) {
-    if (m_pendingStart == m_pendingEnd && fillLineBuffer() == 0) {
+    if (m_pendingStart == m_pendingEnd && fillLineBuffer(deadline) == 0) {
       if (text.empty()) return false;
       break;
     }
@@ -279,8 +286,11 @@ bool CSIftp::GetLine(SAnsiString& line) {
 }
 
 int CSIftp::GetReply(SAnsiString& reply) {
+  // The time-out bounds the whole reply: a server dripping continuation
+  // lines or bytes cannot hold the client.
+  ReplyDeadline const deadline(m_receiveTimeout);
   SAnsiString line;
-  if (!GetLine(line)) {
+  if (!GetLine(line, deadline)) {
     QL_TRACE_ERROR("Failed to get replay from ftp server");
     CloseControlConnection();
     fail(CSIftpException::catSocket,
@@ -290,7 +300,7 @@ int CSIftp::GetReply(SAnsiString& reply) {
   std::string text = first;
   int const code = std::atoi(first.substr(0, 3).c_str());
   while (line.getLength() >= 4 && line.getString()[3] == '-') {
-    if (!GetLine(line)) {
+    if (!GetLine(line, deadline)) {
       QL_TRACE_ERROR("Failed to get replay from ftp server");
       CloseControlConnection();
       fail(CSIftpException::catSocket,
@@ -467,7 +477,7 @@ int CSIftp::AcceptConnection() {
   if (m_listen == INVALID_SOCKET)
     fail(CSIftpException::catConnection,
          "No valid data connection exist, try to disconnect and connect again");
-  CheckReceiveTimeout(m_listen);
+  CheckReceiveTimeout(m_listen, m_receiveTimeout);
   m_data = CSISocket::accept(m_listen, nullptr, nullptr);
   if (m_data == INVALID_SOCKET)
     fail(CSIftpException::catSocket,

@@ -10,6 +10,7 @@
 
 #include <libssh2.h>
 #include <libssh2_sftp.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
@@ -47,6 +48,17 @@ bool equalNoCase(std::string const& a, std::string const& b) {
   return a.size() == b.size() && ::strncasecmp(a.c_str(), b.c_str(), a.size()) == 0;
 }
 
+// libssh2's calls that free (a handle, the SFTP channel, the session)
+// first say goodbye to the server; when it stalls they give up at the
+// time-out and free nothing. The connection is then shut down, so that the
+// second call fails at once and frees.
+template <class T>
+void freeEvenStalled(int (*release)(T*), T* object, unsigned int socket) {
+  if (!object || release(object) == 0) return;
+  ::shutdown(static_cast<int>(socket), SHUT_RDWR);
+  release(object);
+}
+
 }  // namespace
 
 CSIsftpException::CSIsftpException(int category, SAnsiString const& text)
@@ -71,8 +83,8 @@ void CSIsftp::SetTimeout(int seconds) noexcept {
 
 // Frees the sessions without talking to the server, closes the socket.
 void CSIsftp::release() {
-  if (m_sftp) libssh2_sftp_shutdown(m_sftp);
-  if (m_session) libssh2_session_free(m_session);
+  freeEvenStalled(&libssh2_sftp_shutdown, m_sftp, m_socket);
+  freeEvenStalled(&libssh2_session_free, m_session, m_socket);
   if (m_socket != static_cast<unsigned int>(-1)) CSISocket::close(m_socket);
   if (m_libraryStarted) libssh2_exit();
   m_sftp = nullptr;
@@ -108,8 +120,7 @@ bool CSIsftp::Connect(SAnsiString const& host, SAnsiString const& fingerprint, i
     if (!m_session) fail(CSIsftpException::catSession, "Error in sftp session creation");
     libssh2_session_set_blocking(m_session, 1);
     libssh2_session_set_timeout(m_session, static_cast<long>(m_timeout) * 1000);
-    if (libssh2_session_handshake(m_session, static_cast<libssh2_socket_t>(m_socket)) != 0)
-      fail(CSIsftpException::catSession, "Error in sftp handshake");
+    if (handshake() != 0) fail(CSIsftpException::catSession, "Error in sftp handshake");
     hostKeyCheck(fingerprint, requireFingerprint);
   } catch (...) {
     release();
@@ -118,6 +129,18 @@ bool CSIsftp::Connect(SAnsiString const& host, SAnsiString const& fingerprint, i
   m_connected = true;
   QL_TRACE(SLogger::tl_L, "sftp: connected to %s, host key %s", host, m_serverFingerprint);
   return true;
+}
+
+// A handshake that timed out keeps its half-done key exchange, keys
+// included, which freeing the session does not release; run once more on
+// the shut connection it fails at once and releases them.
+int CSIsftp::handshake() {
+  auto const socket = static_cast<libssh2_socket_t>(m_socket);
+  int const rc = libssh2_session_handshake(m_session, socket);
+  if (rc != LIBSSH2_ERROR_TIMEOUT && rc != LIBSSH2_ERROR_EAGAIN) return rc;
+  ::shutdown(socket, SHUT_RDWR);
+  libssh2_session_handshake(m_session, socket);
+  return rc;
 }
 
 void CSIsftp::hostKeyCheck(SAnsiString const& fingerprint, bool requireFingerprint) {
@@ -168,13 +191,18 @@ bool CSIsftp::InitializeSftpSession() {
          "Please connect to server first before attempting for logon");
   if (m_sftp) return true;
   m_sftp = libssh2_sftp_init(m_session);
-  if (!m_sftp) fail(CSIsftpException::catSession, "Error in initalization of sftp");
+  if (!m_sftp) {
+    char* why = nullptr;
+    libssh2_session_last_error(m_session, &why, nullptr, 0);
+    QL_TRACE_ERROR("sftp: libssh2_sftp_init failed: %s", why ? why : "");
+    fail(CSIsftpException::catSession, "Error in initalization of sftp");
+  }
   return true;
 }
 
 bool CSIsftp::Disconnect() {
   if (!m_connected) return false;
-  if (m_sftp) libssh2_sftp_shutdown(m_sftp);
+  freeEvenStalled(&libssh2_sftp_shutdown, m_sftp, m_socket);
   m_sftp = nullptr;
   libssh2_session_disconnect_ex(m_session, SSH_DISCONNECT_BY_APPLICATION, "Disonnecting. Thank YOU",
                                 "");
@@ -291,11 +319,11 @@ bool CSIsftp::PutFile(SAnsiString const& source, SAnsiString const& destination,
   try {
     total = sendFile(file, handle);
   } catch (...) {
-    libssh2_sftp_close_handle(handle);
+    freeEvenStalled(&libssh2_sftp_close_handle, handle, m_socket);
     throw;
   }
   QL_TRACE(SLogger::tl_M, "%s: transfered %ld bytes", source, total);
-  libssh2_sftp_close_handle(handle);
+  freeEvenStalled(&libssh2_sftp_close_handle, handle, m_socket);
   return true;
 }
 

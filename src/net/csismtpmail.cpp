@@ -9,6 +9,7 @@
 
 #include "text/stdtext.h"
 #include "diagnostics/trace.h"
+#include "net/replydeadline.h"
 
 #include <arpa/inet.h>
 #include <langinfo.h>
@@ -553,6 +554,13 @@ CSISMTPClient::CSISMTPClient(SAnsiString const& greetingName, SAnsiString const&
 
 CSISMTPClient::~CSISMTPClient() = default;
 
+void CSISMTPClient::SetTimeout(int seconds) {
+  bool const reset = seconds < 1;
+  m_replyTimeout = reset ? kReplyTimeout : seconds;
+  m_sendTimeout = reset ? kSendTimeout : seconds;
+  m_dataTimeout = reset ? kDataTimeout : seconds;
+}
+
 bool CSISMTPClient::SetUsername(SAnsiString const& user) {
   m_user = user;
   return true;
@@ -586,7 +594,15 @@ int CSISMTPClient::ReadReply(CSITcpSocket& socket, int timeoutSeconds, SAnsiStri
   char line[CSITcpSocket::LINE_BUFFER_SIZE];
   int code = 0;
   int result = kReadFailed;
-  while (socket.GetLine(line, timeoutSeconds)) {
+  // The time-out bounds the whole reply: a server that keeps it going with
+  // continuation lines or lines without a code cannot hold the client.
+  ReplyDeadline const deadline(timeoutSeconds);
+  for (;;) {
+    if (deadline.passed()) {
+      socket.AbortSocket();
+      break;
+    }
+    if (!socket.GetLine(line, deadline.left())) break;
     size_t const len = std::strlen(line);
     if (text.size() < kMaxReplyText) text.append(line, len).append("\r\n");
     if (len >= 4 && line[3] == '-') continue;
@@ -625,12 +641,12 @@ bool CSISMTPClient::SendCommand(std::string const& command, char const* shown) {
   std::string_view const visible = shown ? std::string_view(shown) : std::string_view(command).substr(0, command.size() - 2);
   QL_TRACE(SLogger::tl_L, "SMTP command: %1", std::string(visible));
   if (m_transcript) m_transcript->append("C: ").append(visible).append("\n");
-  return m_socket.Send(command.data(), static_cast<unsigned>(command.size()), kSendTimeout);
+  return m_socket.Send(command.data(), static_cast<unsigned>(command.size()), m_sendTimeout);
 }
 
 int CSISMTPClient::Command(std::string const& command, char const* shown) {
   if (!SendCommand(command, shown)) return kSendFailed;
-  return WaitForReplyFromSMTPServer(kReplyTimeout, nullptr);
+  return WaitForReplyFromSMTPServer(m_replyTimeout, nullptr);
 }
 
 int CSISMTPClient::InitSMTPServer(bool tls) {
@@ -644,13 +660,13 @@ int CSISMTPClient::InitSMTPServer(bool tls) {
     }
   }
   m_connected = true;
-  int code = WaitForReplyFromSMTPServer(kReplyTimeout, nullptr);
+  int code = WaitForReplyFromSMTPServer(m_replyTimeout, nullptr);
   if (code == 421) return code;
   bool const wantAuth = m_auth != AUTH_NONE;
   SAnsiString ehloReply;
   std::string const name = str(m_greetingName);
   if (SendCommand("EHLO " + name + "\r\n"))
-    code = WaitForReplyFromSMTPServer(kReplyTimeout, wantAuth ? &ehloReply : nullptr);
+    code = WaitForReplyFromSMTPServer(m_replyTimeout, wantAuth ? &ehloReply : nullptr);
   else
     code = kSendFailed;
   if (code >= 500 && code < 600) code = Command("HELO " + name + "\r\n");
@@ -762,13 +778,13 @@ int CSISMTPClient::SendMailMessageToSMTPServer(SFile& file) {
   file.seek(0);
   char piece[kDataPiece];
   for (size_t n; (n = file.read(piece, sizeof piece)) > 0;)
-    if (!m_socket.Send(piece, static_cast<unsigned>(n), kDataTimeout)) return kSendFailed;
+    if (!m_socket.Send(piece, static_cast<unsigned>(n), m_dataTimeout)) return kSendFailed;
   return Command("\r\n.\r\n", ".");
 }
 
 int CSISMTPClient::SMTPQuit() {
   SendCommand("QUIT\r\n");
-  int const rc = WaitForReplyFromSMTPServer(kReplyTimeout, nullptr);
+  int const rc = WaitForReplyFromSMTPServer(m_replyTimeout, nullptr);
   m_socket.AbortSocket();
   m_connected = false;
   return rc;

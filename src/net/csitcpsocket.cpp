@@ -5,6 +5,7 @@
 
 #include "diagnostics/assert.h"
 #include "diagnostics/trace.h"
+#include "net/replydeadline.h"
 
 #include <dlfcn.h>
 #include <link.h>
@@ -388,10 +389,16 @@ bool CSITcpSocket::GetBuffer(unsigned int length, void* out, int timeoutSeconds)
 
 bool CSITcpSocket::GetLine(char* out, int timeoutSeconds) {
   // Bytes up to the LF are stored, CR included, in at most
-  // LINE_BUFFER_SIZE bytes; the CR then becomes the terminating zero.
+  // LINE_BUFFER_SIZE bytes; the CR then becomes the terminating zero. The
+  // time-out bounds the whole line, so a peer dripping bytes cannot hold it.
+  ReplyDeadline const deadline(timeoutSeconds);
   size_t stored = 0;
   for (;;) {
-    if (!GetData(timeoutSeconds, true)) return false;
+    if (m_unread <= 0 && deadline.passed()) {
+      AbortSocket();
+      return false;
+    }
+    if (!GetData(m_unread > 0 ? timeoutSeconds : deadline.left(), true)) return false;
     auto const available = static_cast<size_t>(m_unread);
     auto const* lf = static_cast<char const*>(std::memchr(m_readPos, '\n', available));
     size_t const take = lf ? static_cast<size_t>(lf - m_readPos) : available;

@@ -167,10 +167,10 @@ class NamespacedServer {
     int const fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     ::dup2(fd, 1), ::dup2(fd, 2);
     if (::unshare(CLONE_NEWNS | CLONE_NEWPID) != 0 ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0)
       ::_exit(77);
     for (auto const& [from, to] : binds)
-      if (::mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) ::_exit(78);
+      if (::mount(from.c_str(), to.c_str(), "none", MS_BIND, nullptr) != 0) ::_exit(78);
     if (privateRun &&
         (::mount("tmpfs", "/run", "tmpfs", 0, "mode=755") != 0 || ::mkdir("/run/sshd", 0755) != 0))
       ::_exit(79);

@@ -224,15 +224,16 @@ class ScratchDir {
 };
 
 // Runs `body` in a child process that sees `hosts` as /etc/hosts (in a
-// private mount namespace): the child's exit status, 77 when no namespace
+// private mount namespace; the file-system type, which these mounts ignore,
+// is named so that valgrind does not report a null pointer): the child's exit status, 77 when no namespace
 // could be made, -1 when the child did not end in time.
 inline int withHosts(std::string const& hosts, std::function<int()> const& body) {
   ScratchDir dir;
   std::ofstream(dir / "hosts") << hosts;
   pid_t const child = ::fork();
   if (child == 0) {
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount((dir / "hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0)
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount((dir / "hosts").c_str(), "/etc/hosts", "none", MS_BIND, nullptr) != 0)
       ::_exit(77);
     ::_exit(body());
   }

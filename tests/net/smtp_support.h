@@ -68,7 +68,7 @@ async def main():
     server = await loop.create_server(lambda: kind(handler, hostname='smtp.test', **auth), '127.0.0.1', 0, ssl=tls)
     open(os.path.join(out, 'port.tmp'), 'w').write(str(server.sockets[0].getsockname()[1]))
     os.rename(os.path.join(out, 'port.tmp'), os.path.join(out, 'port'))
-    await asyncio.sleep(600)   # never outlives a forgotten test
+    await asyncio.sleep(float(os.environ.get('QUENLIB_SMTP_SERVER_SECONDS', '600')))   # never outlives a forgotten test
 
 asyncio.run(main())
 )PY";

@@ -69,6 +69,8 @@ class QUENLIB_API CSIftpException : public std::exception {
   SAnsiString m_text;
 };
 
+class ReplyDeadline;  // internal: the time-out of one reply
+
 class QUENLIB_API CSIftp {
  public:
   enum RepresentationType { ASCII = 0, Binary = 1 };
@@ -143,7 +145,8 @@ class QUENLIB_API CSIftp {
   // Reads one reply: its code (the number of the first three characters of
   // its first line) and its lines, joined by "\n" without CR LF. A line
   // whose fourth character is "-" continues the reply. 421 closes the
-  // control connection.
+  // control connection. The whole reply must come within the receive
+  // time-out.
   int GetReply(SAnsiString& reply);
   // Takes over an already connected control socket (a tunnel, a test peer)
   // and reads its greeting as Connect does.
@@ -158,9 +161,9 @@ class QUENLIB_API CSIftp {
   void limitSends(unsigned int socket) const noexcept;
   void requireConnection() const;
   bool simpleCommand(char const* command, SAnsiString const& argument, int ok1, int ok2 = -1);
-  bool GetLine(SAnsiString& line);
-  int fillLineBuffer();
-  void CheckReceiveTimeout(unsigned int socket);
+  bool GetLine(SAnsiString& line, ReplyDeadline const& deadline);
+  int fillLineBuffer(ReplyDeadline const& deadline);
+  void CheckReceiveTimeout(unsigned int socket, int seconds);
   bool CheckDirExist(SAnsiString const& path, bool stayInside);
   void InitializeListenSocket();
   void announceListenSocket(unsigned short listenPort);

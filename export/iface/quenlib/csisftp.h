@@ -147,6 +147,7 @@ class QUENLIB_API CSIsftp {
  private:
   bool CheckDirExist(SAnsiString const& path);
   void requireSftp(char const* message) const;
+  int handshake();
   void hostKeyCheck(SAnsiString const& fingerprint, bool requireFingerprint);
   long sendFile(SFile& file, void* handle);
   SAnsiString remotePath(SAnsiString const& path) const;

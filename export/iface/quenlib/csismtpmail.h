@@ -170,6 +170,10 @@ class QUENLIB_API CSISMTPClient {
   bool SetPassword(SAnsiString const& password);
   bool SetAuthenticationType(Authentication type);
   bool SetSSLEnable(bool tls);
+  // Every wait of the exchange (a whole reply, a command's send, a piece of
+  // the message) takes at most `seconds`; below 1 restores the defaults
+  // (60 s for replies and message pieces, 120 s for commands).
+  void SetTimeout(int seconds);
 
   // Connects and greets (EHLO, else HELO), authenticating when asked; true
   // on 250, otherwise throws (ConnectError, or AuthenticationError).
@@ -187,7 +191,8 @@ class QUENLIB_API CSISMTPClient {
   void SetTranscript(std::string* transcript) { m_transcript = transcript; }
 
   // Reads one reply (all its lines, each followed by CR LF in `reply`) from
-  // `socket`: its code, or kReadFailed when a line could not be read.
+  // `socket`: its code, or kReadFailed when a line could not be read or the
+  // whole reply did not arrive within `timeoutSeconds` (-1: no limit).
   static int ReadReply(CSITcpSocket& socket, int timeoutSeconds, SAnsiString* reply);
 
  private:
@@ -211,6 +216,9 @@ class QUENLIB_API CSISMTPClient {
   bool m_tls = false;
   bool m_connected = false;
   std::string* m_transcript = nullptr;
+  int m_replyTimeout = 60;
+  int m_sendTimeout = 120;
+  int m_dataTimeout = 60;
 };
 
 class QUENLIB_API CSISMTPMail {
