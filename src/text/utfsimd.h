@@ -302,8 +302,9 @@ struct Avx2 : Sse2 {
     // Every lead followed by its trail bytes, every trail byte after a lead.
     unsigned const trails = high & ~leads;
     if ((((leads << 1) | (leads3 << 2)) & 0xFFFF) != trails) return 0;
-    unsigned const cut = (leads3 & 0xC000) | (leads & ~leads3 & 0x8000);
-    size_t const used = cut == 0 ? 16 : static_cast<size_t>(std::countr_zero(cut));
+    // A lead in the last place, or a three-byte lead in the one before,
+    // starts the next block. Plain loads: the loop waits on this.
+    size_t const used = 16 - static_cast<size_t>(s[15] >= 0xC0) - 2 * static_cast<size_t>(s[14] >= 0xE0);
     __m256i const b0 = _mm256_cvtepu8_epi16(v);
     __m256i const b1 = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(s + 1)));
     __m256i const b2 = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(s + 2)));
