@@ -1,7 +1,8 @@
 // Fuzzes the strict Unicode transforms: the input is read as UTF-8 and, at
 // the same time, as UTF-16 units. Well-formed input must round-trip
 // unchanged; ill-formed input must fail exactly when ICU's conversion fails;
-// every instruction set must give the scalar outcome and output.
+// every instruction set must give the scalar outcome and output, on the
+// input as it is and on mostly CJK text made from it.
 #include "text/utfcore.h"
 
 #include <unicode/ustring.h>
@@ -34,24 +35,65 @@ bool sameOutcome(utf::Outcome const& a, utf::Outcome const& b) {
   return a.result == b.result && a.read == b.read && a.written == b.written;
 }
 
-void compareIsas(uint8_t const* data, size_t size) {
+void compareIsas8(uint8_t const* data, size_t size) {
   std::vector<WChar> want(size + 1);
   utf::Outcome const w = utf::utf8ToUtf16(utf::Isa::scalar, data, size, want.data(), size);
-  size_t const n = size / 2;
-  std::vector<WChar> units(n + 1);
-  if (n) std::memcpy(units.data(), data, n * 2);
-  std::vector<unsigned char> want8(n * 3 + 1);
-  utf::Outcome const w8 = utf::utf16ToUtf8(utf::Isa::scalar, units.data(), n, want8.data(), n * 3);
   for (utf::Isa isa : kIsas) {
     std::vector<WChar> out(size + 1);
     utf::Outcome const r = utf::utf8ToUtf16(isa, data, size, out.data(), size);
     check(sameOutcome(r, w));
     check(r.written == 0 || std::memcmp(out.data(), want.data(), r.written * sizeof(WChar)) == 0);
+  }
+}
+
+void compareIsas16(WChar const* units, size_t n) {
+  std::vector<unsigned char> want8(n * 3 + 1);
+  utf::Outcome const w8 = utf::utf16ToUtf8(utf::Isa::scalar, units, n, want8.data(), n * 3);
+  for (utf::Isa isa : kIsas) {
     std::vector<unsigned char> out8(n * 3 + 1);
-    utf::Outcome const r8 = utf::utf16ToUtf8(isa, units.data(), n, out8.data(), n * 3);
+    utf::Outcome const r8 = utf::utf16ToUtf8(isa, units, n, out8.data(), n * 3);
     check(sameOutcome(r8, w8));
     check(r8.written == 0 || std::memcmp(out8.data(), want8.data(), r8.written) == 0);
   }
+}
+
+void compareIsas(uint8_t const* data, size_t size) {
+  compareIsas8(data, size);
+  size_t const n = size / 2;
+  std::vector<WChar> units(n + 1);
+  if (n) std::memcpy(units.data(), data, n * 2);
+  compareIsas16(units.data(), n);
+}
+
+// Random bytes seldom make long stretches of well-formed three-byte text,
+// so each input is also read as a recipe for mostly CJK text: most bytes
+// give a character from U+0800..U+FFFF (surrogates and all), the others a
+// space, a two- or four-byte character or a broken sequence. The text is
+// built both as UTF-8 (with the broken sequences) and as UTF-16.
+void compareIsasOnCjk(uint8_t const* data, size_t size) {
+  std::vector<unsigned char> u8;
+  std::vector<WChar> u16;
+  for (size_t i = 0; i + 1 < size; i += 2) {
+    unsigned const b = data[i];
+    unsigned const cp = (data[i + 1] << 8 | b) | 0x800u;
+    if (b < 0xE8) {
+      u16.push_back(static_cast<WChar>(cp));  // a lone surrogate in UTF-16
+      u8.insert(u8.end(), {static_cast<unsigned char>(0xE0 | (cp >> 12)),
+                           static_cast<unsigned char>(0x80 | ((cp >> 6) & 0x3F)),
+                           static_cast<unsigned char>(0x80 | (cp & 0x3F))});  // surrogate form
+      continue;
+    }
+    switch (b & 7) {
+      case 0: case 1: u8.push_back(' '); u16.push_back(u' '); break;
+      case 2: u8.insert(u8.end(), {0xC3, 0xA9}); u16.push_back(0xE9); break;
+      case 3: u8.insert(u8.end(), {0xF0, 0x9F, 0x98, 0x80}); u16.insert(u16.end(), {0xD83D, 0xDE00}); break;
+      case 4: u8.insert(u8.end(), {0xE0, static_cast<unsigned char>(0x80 | (data[i + 1] & 0x3F))}); break;
+      case 5: u8.push_back(data[i + 1]); u16.push_back(static_cast<WChar>(data[i + 1])); break;
+      default: u8.insert(u8.end(), {0xE6, 0x97, 0xA5}); u16.push_back(0x65E5); break;
+    }
+  }
+  compareIsas8(u8.data(), u8.size());
+  compareIsas16(u16.data(), u16.size());
 }
 
 void fuzzUtf8(uint8_t const* data, size_t size) {
@@ -121,5 +163,6 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   fuzzUtf8(data, size);
   fuzzUtf16(data, size);
   compareIsas(data, size);
+  compareIsasOnCjk(data, size);
   return 0;
 }

@@ -267,6 +267,9 @@ inline void fastUtf8ToUtf16(unsigned char const*& s, unsigned char const* end, W
     }
     // A run of three-byte sequences (most CJK text).
     if ((c & 0xF0) != 0xE0) return;
+    if constexpr (K::kMixedBlocks) {
+      if (widenMixedBlocks<K>(s, static_cast<size_t>(end - s), d)) continue;
+    }
     do {
       if (end - s < 3) return;
       unsigned const t1 = s[1] ^ 0x80u;
@@ -313,6 +316,9 @@ inline void fastUtf16ToUtf8(WChar const*& s, WChar const* end, unsigned char*& d
       continue;
     }
     if (isSurrogate(c)) return;
+    if constexpr (K::kMixedBlocks) {
+      if (narrowMixedBlocks<K>(s, static_cast<size_t>(end - s), d)) continue;
+    }
     // A run of three-byte characters (most CJK text). With three units or
     // more left there is room for 9 bytes: two characters in one 8-byte
     // store, 6 bytes kept; with two left, one character in a 4-byte store.

@@ -196,6 +196,10 @@ struct ShuffleTables {
   alignas(16) unsigned char narrow[256][16];
   unsigned char narrowLength[256];
   alignas(16) unsigned char wide[256][16];
+  // Entry m keeps, of four 4-byte lanes, 1 + bit i + bit (4 + i) of m
+  // leading bytes of lane i (the UTF-8 form of unit i, built in its lane).
+  alignas(16) unsigned char narrow3[256][16];
+  unsigned char narrow3Length[256];
 };
 
 constexpr ShuffleTables makeShuffleTables() {
@@ -213,6 +217,13 @@ constexpr ShuffleTables makeShuffleTables() {
     t.narrowLength[m] = static_cast<unsigned char>(n);
     for (; n < 16; ++n) t.narrow[m][n] = 0x80;
     for (; w < 16; ++w) t.wide[m][w] = 0x80;
+    unsigned k = 0;
+    for (unsigned i = 0; i < 4; ++i) {
+      unsigned const bytes = 1 + ((m >> i) & 1) + ((m >> (4 + i)) & 1);
+      for (unsigned b = 0; b < bytes; ++b) t.narrow3[m][k++] = static_cast<unsigned char>(4 * i + b);
+    }
+    t.narrow3Length[m] = static_cast<unsigned char>(k);
+    for (; k < 16; ++k) t.narrow3[m][k] = 0x80;
   }
   return t;
 }
@@ -226,6 +237,104 @@ inline constexpr ShuffleTables kShuffles = makeShuffleTables();
 // character.
 struct Avx2 : Sse2 {
   static constexpr bool kMixedBlocks = true;
+
+  // Eight UTF-16 units, none a surrogate, to their 8 to 24 UTF-8 bytes:
+  // each unit's one to three bytes are formed in a 32-bit lane, and each
+  // half of four lanes is closed up with one byte shuffle. Returns the
+  // bytes, or 0 (nothing written) when a unit is a surrogate or fewer than
+  // ten units are left (the second store reaches 28 bytes on).
+  __attribute__((target("avx2"), always_inline)) static size_t narrowAny8(WChar const* s, size_t n,
+                                                                           unsigned char* d) {
+    if (n < 10) return 0;
+    __m128i const u = _mm_loadu_si128(reinterpret_cast<__m128i const*>(s));
+    __m128i const surrogate = _mm_cmpeq_epi16(_mm_and_si128(u, _mm_set1_epi16(static_cast<short>(0xF800))),
+                                              _mm_set1_epi16(static_cast<short>(0xD800)));
+    if (_mm_movemask_epi8(surrogate) != 0) return 0;
+    __m256i const w = _mm256_cvtepu16_epi32(u);
+    __m256i const low6 = _mm256_set1_epi32(0x3F);
+    __m256i const trail = _mm256_set1_epi32(0x80);
+    __m256i const last = _mm256_or_si256(_mm256_and_si256(w, low6), trail);
+    __m256i const middle = _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi32(w, 6), low6), trail);
+    __m256i const two = _mm256_or_si256(_mm256_or_si256(_mm256_srli_epi32(w, 6), _mm256_set1_epi32(0xC0)),
+                                        _mm256_slli_epi32(last, 8));
+    __m256i const three = _mm256_or_si256(
+        _mm256_or_si256(_mm256_srli_epi32(w, 12), _mm256_set1_epi32(0xE0)),
+        _mm256_or_si256(_mm256_slli_epi32(middle, 8), _mm256_slli_epi32(last, 16)));
+    __m256i const ge80 = _mm256_cmpgt_epi32(w, _mm256_set1_epi32(0x7F));
+    __m256i const ge800 = _mm256_cmpgt_epi32(w, _mm256_set1_epi32(0x7FF));
+    __m256i const lanes = _mm256_blendv_epi8(_mm256_blendv_epi8(w, two, ge80), three, ge800);
+    auto const m80 = static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(ge80)));
+    auto const m800 = static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(ge800)));
+    unsigned const first = (m80 & 0xF) | ((m800 & 0xF) << 4);
+    unsigned const second = (m80 >> 4) | (m800 & 0xF0);
+    __m128i const shFirst = _mm_load_si128(reinterpret_cast<__m128i const*>(kShuffles.narrow3[first]));
+    __m128i const shSecond = _mm_load_si128(reinterpret_cast<__m128i const*>(kShuffles.narrow3[second]));
+    size_t const k = kShuffles.narrow3Length[first];
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_shuffle_epi8(_mm256_castsi256_si128(lanes), shFirst));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + k),
+                     _mm_shuffle_epi8(_mm256_extracti128_si256(lanes, 1), shSecond));
+    return k + kShuffles.narrow3Length[second];
+  }
+
+  // Sixteen bytes of ASCII, two- and three-byte sequences to UTF-16. A
+  // sequence that runs past the block is left for the next step. Returns
+  // the bytes used (14 to 16) and sets units, or returns 0 (output may
+  // have been written) when the block holds a four-byte lead or anything
+  // ill-formed, or fewer than 18 bytes are left (each place is decoded
+  // with the two bytes after it).
+  __attribute__((target("avx2"), always_inline)) static size_t widenAny16(
+      unsigned char const* s, size_t n, WChar* d, size_t& units) {
+    if (n < 18) return 0;
+    __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(s));
+    // Signed compares, on the bytes from 80 up: 80..BF are -128..-65,
+    // C0..DF -64..-33, E0..EF -32..-17.
+    unsigned const high = static_cast<unsigned>(_mm_movemask_epi8(v));
+    auto const above = [&](int limit) __attribute__((always_inline)) {
+      return high & static_cast<unsigned>(_mm_movemask_epi8(
+                        _mm_cmpgt_epi8(v, _mm_set1_epi8(static_cast<char>(limit)))));
+    };
+    unsigned const leads = above(-65);  // C0 and up
+    unsigned const leads3 = above(-33);  // E0 and up
+    if (above(-17) != 0) return 0;  // a four-byte lead or F5..FF
+    __m128i const c0c1 = _mm_cmpeq_epi8(_mm_and_si128(v, _mm_set1_epi8(static_cast<char>(0xFE))),
+                                        _mm_set1_epi8(static_cast<char>(0xC0)));
+    if (_mm_movemask_epi8(c0c1) != 0) return 0;
+    // Every lead followed by its trail bytes, every trail byte after a lead.
+    unsigned const trails = high & ~leads;
+    if ((((leads << 1) | (leads3 << 2)) & 0xFFFF) != trails) return 0;
+    // A lead in the last place, or a three-byte lead in the one before,
+    // starts the next block. Plain loads: the loop waits on this.
+    size_t const used = 16 - static_cast<size_t>(s[15] >= 0xC0) - 2 * static_cast<size_t>(s[14] >= 0xE0);
+    __m256i const b0 = _mm256_cvtepu8_epi16(v);
+    __m256i const b1 = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(s + 1)));
+    __m256i const b2 = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(s + 2)));
+    __m256i const low6 = _mm256_set1_epi16(0x3F);
+    __m256i const t1 = _mm256_and_si256(b1, low6);
+    __m256i const two = _mm256_or_si256(_mm256_slli_epi16(_mm256_and_si256(b0, _mm256_set1_epi16(0x1F)), 6), t1);
+    __m256i const three = _mm256_or_si256(_mm256_or_si256(_mm256_slli_epi16(b0, 12), _mm256_slli_epi16(t1, 6)),
+                                          _mm256_and_si256(b2, low6));
+    __m256i const isLead = _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xBF));
+    __m256i const isLead3 = _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xDF));
+    // A three-byte form below U+0800 (overlong) or of a surrogate.
+    __m256i const top = _mm256_and_si256(three, _mm256_set1_epi16(static_cast<short>(0xF800)));
+    __m256i const bad = _mm256_and_si256(
+        isLead3, _mm256_or_si256(_mm256_cmpeq_epi16(top, _mm256_setzero_si256()),
+                                 _mm256_cmpeq_epi16(top, _mm256_set1_epi16(static_cast<short>(0xD800)))));
+    __m128i const badBytes = _mm_packs_epi16(_mm256_castsi256_si128(bad), _mm256_extracti128_si256(bad, 1));
+    unsigned const keep = ~trails & ((1u << used) - 1);
+    if ((static_cast<unsigned>(_mm_movemask_epi8(badBytes)) & keep) != 0) return 0;
+    __m256i const lanes = _mm256_blendv_epi8(_mm256_blendv_epi8(b0, two, isLead), three, isLead3);
+    unsigned const keepLow = keep & 0xFF;
+    unsigned const keepHigh = keep >> 8;
+    __m128i const shLow = _mm_load_si128(reinterpret_cast<__m128i const*>(kShuffles.wide[keepLow]));
+    __m128i const shHigh = _mm_load_si128(reinterpret_cast<__m128i const*>(kShuffles.wide[keepHigh]));
+    auto const first = static_cast<size_t>(std::popcount(keepLow));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_shuffle_epi8(_mm256_castsi256_si128(lanes), shLow));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + first),
+                     _mm_shuffle_epi8(_mm256_extracti128_si256(lanes, 1), shHigh));
+    units = first + static_cast<size_t>(std::popcount(keepHigh));
+    return used;
+  }
 
   // Eight UTF-16 units, all below U+0800, to their 8 to 16 UTF-8 bytes
   // (stored as 16); returns the bytes, or 0 (nothing written) when a unit
@@ -300,7 +409,8 @@ struct Avx2 : Sse2 {
     return used;
   }
 
-  // Block after block of ASCII and two-byte characters, while they last.
+  // Block after block of ASCII, two- and three-byte characters, while they
+  // last; a block without three-byte characters takes the cheaper step.
   // Return the input units used and set the output units written (both 0
   // when the first block already holds anything else).
   __attribute__((target("avx2"))) static size_t widenMixed(unsigned char const* s, size_t n,
@@ -309,7 +419,8 @@ struct Avx2 : Sse2 {
     size_t o = 0;
     for (;;) {
       size_t written = 0;
-      size_t const used = widenMixed16(s + i, n - i, d + o, written);
+      size_t used = widenMixed16(s + i, n - i, d + o, written);
+      if (used == 0) used = widenAny16(s + i, n - i, d + o, written);
       if (used == 0) break;
       i += used;
       o += written;
@@ -322,7 +433,8 @@ struct Avx2 : Sse2 {
     size_t i = 0;
     size_t o = 0;
     for (;;) {
-      size_t const written = narrowMixed8(s + i, n - i, d + o);
+      size_t written = narrowMixed8(s + i, n - i, d + o);
+      if (written == 0) written = narrowAny8(s + i, n - i, d + o);
       if (written == 0) break;
       i += 8;
       o += written;

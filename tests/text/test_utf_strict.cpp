@@ -293,3 +293,42 @@ TEST(UtfStrict, EveryInstructionSetMatchesScalar) {
       expectSameUtf16(std::u16string(k, u'x') + bad + u"\u00E9abc", std::to_string(k) + " bad utf16");
   }
 }
+
+// The blocks that take three-byte characters: Chinese text, with or without
+// spaces, broken at every byte offset of a 16-byte block by each kind of
+// character and each kind of error, and then going on.
+TEST(UtfStrict, ThreeByteBlocksMatchScalarAtEveryOffset) {
+  Bytes const han = {0xE6, 0x97, 0xA5};
+  std::vector<std::pair<char const*, Bytes>> const pieces = {
+      {"ascii", {'a'}},          {"2-byte", {0xC3, 0xA9}},         {"U+FFFF", {0xEF, 0xBF, 0xBF}},
+      {"U+0800", {0xE0, 0xA0, 0x80}}, {"4-byte", {0xF0, 0x9F, 0x98, 0x80}}, {"overlong", {0xE0, 0x9F, 0xBF}},
+      {"surrogate", {0xED, 0xA0, 0x80}}, {"cut", {0xE6, 0x97}},      {"bad trail", {0xE6, 0x28, 0xA5}},
+      {"lone trail", {0x80}},    {"C1", {0xC1, 0xBF}},             {"lead F8", {0xF8}}};
+  for (size_t shift = 0; shift < 3; ++shift) {
+    for (size_t k = 0; k < 24; ++k) {
+      for (auto const& [name, piece] : pieces) {
+        for (bool spaced : {false, true}) {
+          Bytes in(shift, 'x');
+          for (size_t i = 0; i < k; ++i) {
+            in.insert(in.end(), han.begin(), han.end());
+            if (spaced && i % 3 == 2) in.push_back(' ');
+          }
+          in.insert(in.end(), piece.begin(), piece.end());
+          std::string const what = std::to_string(shift) + "+" + std::to_string(k) + " " + name;
+          if (shift == 0 && !spaced) expectSameUtf8(in, what + " at the end");
+          for (size_t i = 0; i < 12; ++i) in.insert(in.end(), han.begin(), han.end());
+          expectSameUtf8(in, what);
+        }
+      }
+    }
+  }
+  for (size_t k = 0; k < 24; ++k) {
+    for (std::u16string piece : std::initializer_list<std::u16string>{u"a", u"\u07FF", u"\u0800", u"\uFFFF", u"\U0001F600", std::u16string{0xD800},
+                                 std::u16string{0xDC00}, std::u16string{0xDBFF, 'a'}}) {
+      std::u16string text;
+      for (size_t i = 0; i < k; ++i) text += i % 4 == 3 ? u' ' : u'\u65E5';
+      expectSameUtf16(text + piece + u"\u672C\u8A9E\u3067\u3059 \u4E2D\u6587\u6587\u672C", std::to_string(k));
+      expectSameUtf16(text + piece, std::to_string(k) + " at the end");
+    }
+  }
+}
