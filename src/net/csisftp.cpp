@@ -51,10 +51,12 @@ bool equalNoCase(std::string const& a, std::string const& b) {
 // libssh2's calls that free (a handle, the SFTP channel, the session)
 // first say goodbye to the server; when it stalls they give up at the
 // time-out and free nothing. The connection is then shut down, so that the
-// second call fails at once and frees.
+// second call fails at once and frees. Only a time-out is retried: after
+// any other failure (the connection gone, say) the object is already freed
+// and a second call would use freed memory.
 template <class T>
 void freeEvenStalled(int (*release)(T*), T* object, unsigned int socket) {
-  if (!object || release(object) == 0) return;
+  if (!object || release(object) != LIBSSH2_ERROR_TIMEOUT) return;
   ::shutdown(static_cast<int>(socket), SHUT_RDWR);
   release(object);
 }
