@@ -4,6 +4,7 @@
 #include <quenlib/slogger.h>
 #include <quenlib/sstring.h>
 
+#include <algorithm>
 #include <clocale>
 #include <cstdint>
 #include <cstdlib>
@@ -49,6 +50,27 @@ void Exercise(SAnsiString s, SAnsiString const& needle) {
   edit.toLower();
   edit.trim();
   Check(edit.getString()[edit.getLength()] == 0);
+
+  // setAt of a one-byte character by index takes the private copy itself
+  // when the text is single-byte; it must give what the general path (by
+  // iterator, through copyOnWrite) gives, and leave the shared source as
+  // it was.
+  std::string const before(s.getString(), s.getLength());
+  char const one = static_cast<char>(0x21 + (s.getLength() + needle.getLength()) % 0x5E);
+  SAnsiString byIndex(s), byIterator(s);
+  byIndex.setAt(chars / 2, one);
+  SAnsiString::iterator at(byIterator);
+  at += chars / 2;
+  if (at) byIterator.setAt(at, SChar_t<char, 0>(one));
+  bool const singleByte = std::all_of(before.begin(), before.end(), [](char c) {
+    return static_cast<unsigned char>(c) - 1u < 0x7Fu;
+  });
+  if (singleByte) {
+    Check(byIndex.getLength() == byIterator.getLength());
+    Check(std::memcmp(byIndex.getString(), byIterator.getString(), byIndex.getLength() + 1) == 0);
+    Check(byIndex.getNChars() == byIterator.getNChars());
+  }
+  Check(std::string(s.getString(), s.getLength()) == before);
 
   std::string raw(s.getString(), s.getLength());
   raw.push_back('\0');

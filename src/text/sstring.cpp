@@ -657,7 +657,7 @@ void OpenBlockCache(BlockCache& c) noexcept {
   c.state = 1;
 }
 
-void* AllocBlock(size_t bytes) noexcept {
+[[gnu::always_inline]] inline void* AllocBlock(size_t bytes) noexcept {
   if (bytes > kLargestCached) return std::malloc(bytes);
   unsigned k = BlockClass(bytes);
   BlockCache& c = tlsBlocks;
@@ -669,7 +669,7 @@ void* AllocBlock(size_t bytes) noexcept {
   return b;
 }
 
-void ReleaseBlock(void* p, size_t bytes) noexcept {
+[[gnu::always_inline]] inline void ReleaseBlock(void* p, size_t bytes) noexcept {
   if (bytes <= kLargestCached) {
     unsigned k = BlockClass(bytes);
     BlockCache& c = tlsBlocks;
@@ -740,6 +740,21 @@ Buffer* ReallocBlock(Buffer* b, uint32_t cap) {
   return nb;
 }
 
+// A private copy of the shared buffer `old`, with room for need units
+// (need >= old->length) plus the terminator and the usual spare units, and
+// the text kind given. The terminator is copied with the text, so nothing
+// is written twice; the caller releases old.
+template <class Buffer, class Unit>
+[[gnu::always_inline]] inline Buffer* PrivateCopy(Buffer const* old, uint32_t need, uint32_t kind) {
+  if (need > kMaxNeed) throw SBadAlloc();
+  uint32_t const len = old->length;
+  void* mem = AllocBlock(sizeof(Buffer) + (static_cast<size_t>(need) + 33) * sizeof(Unit));
+  if (!mem) throw SBadAlloc();
+  Buffer* b = new (mem) Buffer(1, len, need + 33, kind);
+  std::memcpy(b->getBuffer(), old->getBuffer(), (static_cast<size_t>(len) + 1) * sizeof(Unit));
+  return b;
+}
+
 }  // namespace
 
 template <class Unit, int Flag>
@@ -761,10 +776,7 @@ void SString_t<Unit, Flag>::copyOnWrite(unsigned n) {
     terminateBuffer(len);
     return;
   }
-  if (need > kMaxNeed) throw SBadAlloc();
-  allocBuffer(need + 1);
-  std::memcpy(m_buffer->getBuffer(), old->getBuffer(), static_cast<size_t>(len) * sizeof(Unit));
-  terminateBuffer(len);
+  m_buffer = PrivateCopy<SStringBuffer, Unit>(old, need, kTextUnknown);
   ReleaseBuffer(old);
 }
 
@@ -1038,7 +1050,14 @@ void SString_t<Unit, Flag>::setAt(unsigned i, char_type const& c) {
     if (i < getLength() && IsSingleByteUnit(u) && c.getNUnits() == 1 &&
         (kind == kTextSingleByte || (kind == kTextUnknown && isSingleByteText()))) {
       if (getString()[i] == u) return;
-      copyOnWrite(0);
+      // The private copy is taken here rather than through copyOnWrite:
+      // a call between the library's exported members goes through the
+      // PLT and cannot be inlined.
+      SStringBuffer* b = m_buffer;
+      if (b->count.read() != 1) {
+        m_buffer = PrivateCopy<SStringBuffer, Unit>(b, b->length, kTextSingleByte);
+        ReleaseBuffer(b);
+      }
       getString()[i] = u;
       m_buffer->setTextKind(kTextSingleByte);
       return;

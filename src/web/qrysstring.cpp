@@ -74,10 +74,11 @@ struct LoweringCloser {
   }
 };
 
-Lowering& CurrentLowering() {
-  char const* codeset = nl_langinfo(CODESET);
+// Rebuilds the thread's record for the locale whose code-set name is at
+// codeset; kept out of line, so the check in CurrentLowering stays small
+// enough to inline.
+[[gnu::noinline]] Lowering& RebuildLowering(char const* codeset) {
   Lowering& l = tlsLowering;
-  if (codeset == l.codeset) return l;
   l.codeset = codeset;
   l.utf8 = std::strcmp(codeset, "UTF-8") == 0;
   if (!l.utf8) return l;
@@ -91,6 +92,12 @@ Lowering& CurrentLowering() {
       l.lower[cp] = static_cast<uint32_t>(std::towlower(static_cast<wint_t>(cp)));
   }
   return l;
+}
+
+inline Lowering& CurrentLowering() {
+  char const* codeset = nl_langinfo(CODESET);
+  Lowering& l = tlsLowering;
+  return codeset == l.codeset ? l : RebuildLowering(codeset);
 }
 
 // towlower, from the table for the common scripts.
@@ -603,6 +610,174 @@ bool MatchAll(std::vector<Atom> const& atoms, Text const& text, OneFn const& one
   return MatchSegments(atoms.data() + a, atoms.data() + lastRun + 1, middle, one);
 }
 
+// Lowers n bytes of UTF-8 text into code points at out (room for n + 16);
+// returns how many. Runs of ASCII go sixteen bytes a step while sixteen
+// remain (a lone ASCII byte between two other characters goes alone),
+// byte by byte after that (a zero-padded copy of the last bytes
+// would be read back before its stores could be forwarded, a stall longer
+// than the loop); every other character is decoded and lowered in line,
+// without a call per character. `table` is the thread's lowering table
+// (null when it could not be allocated), held in a register rather than
+// reloaded through the Lowering record for every character.
+size_t LowerUtf8Text(char const* p, size_t n, uint32_t* out, uint32_t const* table) {
+  auto const* u = reinterpret_cast<unsigned char const*>(p);
+  size_t count = 0;
+  for (size_t i = 0; i < n;) {
+    if (u[i] < 0x80) {
+      if (i + 16 <= n && u[i + 1] < 0x80) {
+        size_t const k = LowerAscii16(p + i, out + count);
+        i += k;
+        count += k;
+        continue;
+      }
+      for (; i < n && u[i] < 0x80; ++i) out[count++] = LowerAscii(u[i]);
+      continue;
+    }
+    uint32_t cp = 0;
+    size_t const len = DecodeUtf8(u + i, n - i, &cp);
+    if (len == 0) {
+      out[count++] = 0x110000u + u[i++];
+      continue;
+    }
+    out[count++] = cp < kCachedLowering && table
+                       ? table[cp]
+                       : static_cast<uint32_t>(std::towlower(static_cast<wint_t>(cp)));
+    i += len;
+  }
+  return count;
+}
+
+// The same for any other multibyte code set, a character at a time
+// through the C library.
+size_t LowerLocaleText(char const* p, size_t n, uint32_t* out) {
+  size_t count = 0;
+  for (size_t i = 0; i < n;) {
+    // Runs of ASCII go sixteen bytes at a time.
+    if (i + 16 <= n && static_cast<unsigned char>(p[i]) < 0x80) {
+      size_t const k = LowerAscii16(p + i, out + count);
+      i += k;
+      count += k;
+      if (k == 16 || i >= n) continue;
+    }
+    size_t len = 1;
+    out[count++] = LowerCharAt(p + i, n - i, &len);
+    i += len;
+  }
+  return count;
+}
+
+// UTF-8 text read in place: the matcher steps its characters and lowers
+// only those it compares, instead of lowering the whole text first.
+struct Utf8Cursor {
+  unsigned char const* p;
+  size_t n;
+  uint32_t const* table;  // the thread's lowering table, or null
+
+  // The lowered character at byte i (i < n) and, in *len, its bytes. ASCII
+  // lowers by the plain rule and an invalid byte stands alone, as in
+  // LowerUtf8Text.
+  uint32_t lowerAt(size_t i, size_t* len) const {
+    if (p[i] < 0x80) {
+      *len = 1;
+      return LowerAscii(p[i]);
+    }
+    uint32_t cp = 0;
+    *len = DecodeUtf8(p + i, n - i, &cp);
+    if (*len == 0) {
+      *len = 1;
+      return 0x110000u + p[i];
+    }
+    return cp < kCachedLowering && table ? table[cp]
+                                         : static_cast<uint32_t>(std::towlower(static_cast<wint_t>(cp)));
+  }
+
+  // The byte after the literal when its lowered characters from index k
+  // on start at byte i, or npos.
+  size_t literalAt(std::vector<uint32_t> const& chars, size_t k, size_t i) const {
+    for (; k < chars.size(); ++k) {
+      if (i >= n) return static_cast<size_t>(-1);
+      size_t len = 1;
+      if (lowerAt(i, &len) != chars[k]) return static_cast<size_t>(-1);
+      i += len;
+    }
+    return i;
+  }
+  bool candidateByte(unsigned char b, unsigned char lower, unsigned char upper, bool ascii) const {
+    return b >= 0x80 || (ascii && (b == lower || b == upper));
+  }
+
+  // The first character boundary from byte i (itself one) whose lowered
+  // character may be c: for c below 0x80 the bytes c and its capital,
+  // for any c every byte from 0x80 up (a character there may lower to
+  // anything; ASCII bytes lower to ASCII only). n when there is none.
+  size_t nextCandidate(size_t i, uint32_t c) const {
+    bool const ascii = c < 0x80;
+    auto const lower = static_cast<unsigned char>(ascii ? c : 0x80);
+    auto const upper = static_cast<unsigned char>(ascii && c >= 'a' && c <= 'z' ? c - 32 : lower);
+    // In text of other scripts the next character is often a candidate.
+    if (i < n && candidateByte(p[i], lower, upper, ascii)) return i;
+#if defined(__SSE2__)
+    __m128i const lo = _mm_set1_epi8(static_cast<char>(lower));
+    __m128i const up = _mm_set1_epi8(static_cast<char>(upper));
+    for (; i + 16 <= n; i += 16) {
+      __m128i const v = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + i));
+      int hit = _mm_movemask_epi8(v);
+      if (ascii) hit |= _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(v, lo), _mm_cmpeq_epi8(v, up)));
+      if (hit != 0) return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(hit)));
+    }
+#endif
+    for (; i < n; ++i)
+      if (candidateByte(p[i], lower, upper, ascii)) return i;
+    return n;
+  }
+};
+
+// Patterns of literals and "%" only, ending with "%", on UTF-8 text: the
+// literal before the first "%" must match at the start, and each literal
+// after it is placed at its leftmost match from where the one before
+// ended (the same greedy placement as MatchSegments, in bytes instead of
+// characters: with no "_" in the pattern no position needs counting).
+// Candidates are found by their bytes; only they are decoded and lowered.
+template <class Atom>
+bool MatchUtf8InPlace(std::vector<Atom> const& atoms, Utf8Cursor const& text) {
+  size_t pos = 0;
+  size_t a = 0;
+  if (atoms[0].kind == SQueryString::QueryPatternOps::Literal) {
+    pos = text.literalAt(atoms[0].chars, 0, 0);
+    if (pos == static_cast<size_t>(-1)) return false;
+    a = 1;
+  }
+  for (; a < atoms.size(); ++a) {
+    if (atoms[a].kind != SQueryString::QueryPatternOps::Literal) continue;
+    std::vector<uint32_t> const& chars = atoms[a].chars;
+    for (size_t at = pos;;) {
+      at = text.nextCandidate(at, chars[0]);
+      if (at >= text.n) return false;
+      size_t len = 1;
+      if (text.lowerAt(at, &len) == chars[0]) {
+        size_t const end = text.literalAt(chars, 1, at + len);
+        if (end != static_cast<size_t>(-1)) {
+          pos = end;
+          break;
+        }
+      }
+      at += len;
+    }
+  }
+  return true;  // the final "%" takes the rest
+}
+
+// True when MatchUtf8InPlace can take the pattern: literals and "%" only,
+// the last one a "%".
+template <class Atom>
+bool InPlacePattern(std::vector<Atom> const& atoms) {
+  if (atoms.empty() || atoms.back().kind != SQueryString::QueryPatternOps::AnyRun) return false;
+  return std::all_of(atoms.begin(), atoms.end(), [](Atom const& x) {
+    return x.kind == SQueryString::QueryPatternOps::AnyRun ||
+           (x.kind == SQueryString::QueryPatternOps::Literal && !x.chars.empty());
+  });
+}
+
 }  // namespace
 
 bool SQueryString::doMatch(std::vector<uint32_t> const& text) const {
@@ -619,24 +794,14 @@ bool SQueryString::like(SAnsiString const& text) {
     auto one = [this](Atom const& atom, uint32_t c) { return isAMatch(atom, c); };
     return MatchAll(m_atoms, AsciiText{reinterpret_cast<unsigned char const*>(p), n}, one);
   }
+  Lowering& lowering = CurrentLowering();
+  if (lowering.utf8 && InPlacePattern(m_atoms))
+    return MatchUtf8InPlace(m_atoms, Utf8Cursor{reinterpret_cast<unsigned char const*>(p), n, lowering.lower});
   if (n > kStackCodes) return doMatch(LowerCodePoints(p, n));
   // Short texts (the usual case) are lowered into the stack, not the heap.
   uint32_t codes[kStackCodes + 16];  // room for a last block of 16
-  size_t count = 0;
-  Lowering& lowering = CurrentLowering();
-  for (size_t i = 0; i < n;) {
-    // Runs of ASCII go sixteen bytes at a time.
-    if (i + 16 <= n && static_cast<unsigned char>(p[i]) < 0x80) {
-      size_t const k = LowerAscii16(p + i, codes + count);
-      i += k;
-      count += k;
-      if (k == 16 || i >= n) continue;
-    }
-    size_t len = 1;
-    codes[count++] = lowering.utf8 ? LowerUtf8CharAt(p + i, n - i, &len, lowering)
-                                   : LowerCharAt(p + i, n - i, &len);
-    i += len;
-  }
+  size_t const count =
+      lowering.utf8 ? LowerUtf8Text(p, n, codes, lowering.lower) : LowerLocaleText(p, n, codes);
   auto one = [this](Atom const& atom, uint32_t c) { return isAMatch(atom, c); };
   return MatchAll(m_atoms, CodeSpan{codes, count}, one);
 }

@@ -175,3 +175,28 @@ TEST(SStringFastPaths, BlocksOfEveryCachedSizeKeepTheirText) {
   }
   while (!kept.empty()) kept.erase(kept.begin() + static_cast<long>(kept.size() / 2));
 }
+
+TEST(SStringFastPaths, PrivateCopyTakenBySetAtIsAWholeBuffer) {
+  // setAt by index makes the private copy of a shared single-byte text
+  // itself: the copy must carry the length, the spare room, the
+  // terminator and the text kind, so that appends and counts go on working.
+  for (unsigned len : {1u, 47u, 48u, 1024u, 5000u}) {
+    SAnsiString src(std::string(len, 'a').c_str());
+    SAnsiString copy(src);
+    copy.setAt(len - 1, SChar_t<char, 0>('b'));
+    ASSERT_EQ(copy.getString()[len], '\0') << len;
+    for (int i = 0; i < 40; ++i) copy += 'c';
+    EXPECT_EQ(copy.getLength(), len + 40) << len;
+    EXPECT_EQ(copy.getNChars(), len + 40) << len;
+    EXPECT_EQ(std::string(copy.getString()), std::string(len - 1, 'a') + "b" + std::string(40, 'c'));
+    EXPECT_EQ(std::string(src.getString()), std::string(len, 'a')) << len;
+  }
+  // Copies of the empty buffer and of a moved-from string stay empty.
+  SAnsiString moved("x");
+  SAnsiString taken(std::move(moved));
+  SAnsiString fromEmpty{SAnsiString()};
+  SAnsiString fromMoved(moved);
+  EXPECT_TRUE(fromEmpty.isEmpty());
+  EXPECT_TRUE(fromMoved.isEmpty());
+  EXPECT_EQ(std::string(taken.getString()), "x");
+}

@@ -189,6 +189,25 @@ TEST(QueryString, LocaleChangesBetweenMatches) {
       {"C", "__l__ve", "\xC3\xA9l\xC3\xA8ve", true},
       {"C.UTF-8", "_l_ve", "\xC3\x89L\xC3\x88VE", true},
       {"C.UTF-8", "%\xCE\xB1\xCE\xB8\xCE\xAE\xCE\xBD\xCE\xB1", "\xCE\x91\xCE\x98\xCE\x89\xCE\x9D\xCE\x91", true},
+      // ASCII runs ending within the last 16 bytes, around a character and
+      // an invalid byte (each one character for "_").
+      {"C.UTF-8", "%q\xC3\xA9_z", "ABCDEFGHIJKLMNOPQ\xC3\x89\xFFZ", true},
+      {"C.UTF-8", "%q__z", "ABCDEFGHIJKLMNOPQ\xC3\x89\xFFZ", true},
+      {"C.UTF-8", "%q___z", "ABCDEFGHIJKLMNOPQ\xC3\x89\xFFZ", false},
+      {"C.UTF-8", "a%m%op_\xC3\xA9", "abcdefghijklmnopq\xC3\x89", true},
+      // Literals and "%" only on UTF-8 text (matched in place): a sign
+      // from U+0800 up that lowers to an ASCII letter (KELVIN SIGN to k),
+      // invalid bytes as characters of their own, a continuation byte that
+      // is no character start, a partial match before the real one, and
+      // the order of the literals.
+      {"C.UTF-8", "%k%", "\xE2\x84\xAA \xC3\xA9", true},
+      {"C.UTF-8", "\xC3\xA9t\xC3\xA9%", "\xC3\x89T\xC3\x89 \xFF", true},
+      {"C.UTF-8", "%\xA9%", "\xC3\xA9", false},
+      {"C.UTF-8", "%\xA9%", "\xFF\xA9", true},
+      {"C.UTF-8", "%\xC3\xA9l\xC3\xA8ve%", "\xC3\xA9l\xC3\xA8 \xC3\x89L\xC3\x88VE", true},
+      {"C.UTF-8", "%\xC3\xA9t\xC3\xA9%", "\xC3\xA9t \xC3\xA9", false},
+      {"C.UTF-8", "%b\xC3\xA9%a%", "a b\xC3\xA9", false},
+      {"C.UTF-8", "%a%b\xC3\xA9%", "a b\xC3\xA9", true},
   };
   for (Row const& r : rows) {
     quentest::LocaleScope scope(r.locale);

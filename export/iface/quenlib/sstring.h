@@ -307,7 +307,11 @@ class QUENLIB_API SString_t {
   // ---- construction
   SString_t() noexcept : m_buffer(GetEmptyBuffer()) {}
   SString_t(char_type const& c);
-  SString_t(SString_t const& o) noexcept : m_buffer(nullptr) { setBuffer(o.m_buffer); }
+  // A copy takes the source's buffer and one more reference to it: nothing
+  // to release first, so no trip through setBuffer.
+  SString_t(SString_t const& o) noexcept : m_buffer(o.m_buffer) {
+    if (!IsEmptyBuffer(*m_buffer)) m_buffer->count.exchangeInc();
+  }
   // Moving leaves the source empty (construction) or holding the target's
   // old text (assignment swaps the buffers).
   SString_t(SString_t&& o) noexcept : m_buffer(o.m_buffer) {
@@ -504,9 +508,9 @@ class QUENLIB_API SString_t {
     m_buffer = nullptr;
   }
   static void ReleaseBuffer(SStringBuffer* b) noexcept {
-    // The address test is redundant with the marker but lets the compiler
-    // see that the static empty buffer is never freed.
-    if (!b || b == GetEmptyBuffer() || IsEmptyBuffer(*b)) return;
+    // The marker alone identifies the static empty buffer: comparing its
+    // address too would cost a load of that address on every release.
+    if (!b || IsEmptyBuffer(*b)) return;
     // A sole owner frees without the atomic decrement: nobody else can take
     // a reference, since that would need this very string object. The
     // acquiring read orders the other owners' last accesses before the free.
