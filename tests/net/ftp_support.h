@@ -9,6 +9,7 @@
 
 #include <quenlib/sstring.h>
 
+#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <mutex>
@@ -148,7 +149,8 @@ class NamespacedServer {
     for (auto& a : argv) args.push_back(a.data());
     args.push_back(nullptr);
     std::string const out = path("server.out");
-    if ((m_pid = ::fork()) == 0) enter(args, binds, out, privateRun);
+    pid_t const test = ::getpid();
+    if ((m_pid = ::fork()) == 0) enter(args, binds, out, privateRun, test);
     bool const up = WaitFor([&] { return ended() != -1 || accepting(); });
     int const status = ended();
     if (status == 77)
@@ -162,8 +164,12 @@ class NamespacedServer {
  private:
   [[noreturn]] static void enter(std::vector<char*> const& args,
                                  std::vector<std::pair<std::string, std::string>> const& binds,
-                                 std::string const& out, bool privateRun) {
+                                 std::string const& out, bool privateRun, pid_t test) {
     ::setpgid(0, 0);
+    // A test that dies without running its guard (a sanitizer's abort)
+    // takes the server with it: this process gets SIGKILL, and so does pid 1
+    // of the namespace below, whose end ends every process inside.
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != test) ::_exit(1);
     int const fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     ::dup2(fd, 1), ::dup2(fd, 2);
     if (::unshare(CLONE_NEWNS | CLONE_NEWPID) != 0 ||
@@ -176,6 +182,7 @@ class NamespacedServer {
       ::_exit(79);
     pid_t const first = ::fork();  // pid 1 of the new namespace
     if (first == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
       pid_t const server = ::fork();
       if (server == 0) ::execv(args[0], args.data()), ::_exit(127);
       int status = 0;
