@@ -5,10 +5,6 @@
 #include <quenlib/csismtpmail.h>
 #include <quenlib/csitcpsocket.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -16,50 +12,16 @@
 #include <cstring>
 #include <string_view>
 
+#include "loopback_peer.h"
+
 using namespace QuenLibA500;
-
-namespace {
-
-int listener(unsigned short& port) {
-  int const s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  if (s < 0 || ::bind(s, reinterpret_cast<sockaddr*>(&a), len) != 0 || ::listen(s, 4) != 0) std::abort();
-  ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-  port = ntohs(a.sin_port);
-  return s;
-}
-
-void writeAll(int fd, uint8_t const* data, size_t size) {
-  while (size > 0) {
-    ssize_t const n = ::send(fd, data, size, MSG_NOSIGNAL);
-    if (n <= 0) std::abort();
-    data += n, size -= static_cast<size_t>(n);
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   // What fits in the socket buffers, so one thread can write all first;
   // below the reader's limit on kept reply text.
   if (size > 60000) return 0;
-  static unsigned short port = 0;
-  static int const server = listener(port);
-  CSITcpSocket client("127.0.0.1", port);
-  if (!client.TcpOpen(false) || !client.IsOpen()) std::abort();
-  int const peer = ::accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
-  if (peer < 0) std::abort();
-  writeAll(peer, data, size);
-  // The peer ends with a reset rather than a FIN: the client still reads
-  // every byte queued before it, then sees the connection gone, and neither
-  // end is left in TIME_WAIT (a long run made 13,000 such connections a
-  // minute and the next connect failed).
-  linger const reset{1, 0};
-  ::setsockopt(peer, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-  ::close(peer);
+  CSITcpSocket client("127.0.0.1", fuzzpeer::loopback().port);
+  fuzzpeer::feed(client, data, size);
 
   SAnsiString reply;
   int const code = CSISMTPClient::ReadReply(client, 5, &reply);
