@@ -12,13 +12,20 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 
 namespace fuzzpeer {
 
-inline void require(bool condition) {
-  if (!condition) __builtin_trap();
+// A failure of the harness itself, not of the code under test: says what
+// failed so that it is not taken for a finding.
+inline void require(bool condition, char const* what) {
+  if (condition) return;
+  std::fprintf(stderr, "loopback peer: %s failed: %s\n", what, std::strerror(errno));
+  __builtin_trap();
 }
 
 struct Listener {
@@ -34,7 +41,8 @@ inline Listener const& loopback() {
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof a;
-    require(s >= 0 && ::bind(s, reinterpret_cast<sockaddr*>(&a), len) == 0 && ::listen(s, 4) == 0);
+    require(s >= 0 && ::bind(s, reinterpret_cast<sockaddr*>(&a), len) == 0 && ::listen(s, 4) == 0,
+            "listen");
     ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
     return Listener{s, ntohs(a.sin_port)};
   }();
@@ -45,12 +53,12 @@ inline Listener const& loopback() {
 // `size` bytes, which must fit the socket buffers so that one thread can
 // write them all first.
 inline void feed(QuenLibA500::CSITcpSocket& client, uint8_t const* data, size_t size) {
-  require(client.TcpOpen(false) && client.IsOpen());
+  require(client.TcpOpen(false) && client.IsOpen(), "connect");
   int const peer = ::accept4(loopback().fd, nullptr, nullptr, SOCK_CLOEXEC);
-  require(peer >= 0);
+  require(peer >= 0, "accept");
   for (size_t done = 0; done < size;) {
     ssize_t const n = ::send(peer, data + done, size - done, MSG_NOSIGNAL);
-    require(n > 0);
+    require(n > 0, "send");
     done += static_cast<size_t>(n);
   }
   linger const reset{1, 0};

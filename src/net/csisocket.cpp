@@ -296,7 +296,16 @@ unsigned int CSISocket::accept(unsigned int s, sockaddr* addr, int* length) {
 }
 
 int CSISocket::connect(unsigned int s, sockaddr const* addr, int length) {
-  return ::connect(fd(s), addr, static_cast<socklen_t>(length));
+  if (::connect(fd(s), addr, static_cast<socklen_t>(length)) == 0) return 0;
+  if (errno != EINTR) return -1;
+  // A signal cut the wait short, but the kernel goes on connecting: wait
+  // for the outcome instead of calling it a failure, which would leave the
+  // peer a connection that nobody uses (and a caller trying a second one).
+  if (waitFor(s, POLLOUT, -1) != 1) return -1;
+  int const err = pendingError(fd(s));
+  if (err == 0) return 0;
+  errno = err;
+  return -1;
 }
 
 int CSISocket::bind(unsigned int s, sockaddr const* addr, int length) {
@@ -655,8 +664,7 @@ int CSISocket::connectEx(unsigned int s, SAnsiString const& host, unsigned short
     QL_TRACE_ERROR("CSISocket::connectEx: Cannot gethostbyname for %1", host);
     return rc;
   }
-  if (::connect(fd(s), reinterpret_cast<sockaddr*>(&addr), static_cast<socklen_t>(getSize(reinterpret_cast<sockaddr&>(addr)))) != 0)
-    return errno;
+  if (connect(s, reinterpret_cast<sockaddr*>(&addr), getSize(reinterpret_cast<sockaddr&>(addr))) != 0) return errno;
   return 0;
 }
 
@@ -703,7 +711,7 @@ int CSISocket::connectMulti(SAnsiString const& host, unsigned short port, unsign
       continue;
     }
     family = addr.sa_family;
-    if (::connect(fd(h), &addr, static_cast<socklen_t>(getSize(addr))) == 0) {
+    if (connect(h, &addr, getSize(addr)) == 0) {
       s = h;
       result = 0;
       break;

@@ -236,7 +236,7 @@ bool CSITcpSocket::TcpOpen(bool useTls) {
     CSISocket::setPort(addr, m_port);
     s = CSISocket::socket(addr.sa_family, SOCK_STREAM, 0);
     if (s == kInvalid) return false;
-    if (::connect(fd(s), &addr, static_cast<socklen_t>(CSISocket::getSize(addr))) != 0) {
+    if (CSISocket::connect(s, &addr, CSISocket::getSize(addr)) != 0) {
       closeSocket(s);
       continue;
     }

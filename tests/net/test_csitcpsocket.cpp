@@ -6,6 +6,8 @@
 #include "net_support.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
+#include <signal.h>
 #include <link.h>
 #include <gtest/gtest.h>
 
@@ -140,6 +142,49 @@ TEST_P(PlainPeer, SendAndGetBufferCarryExactBytes) {
   s.AbortSocket();
   EXPECT_FALSE(s.IsOpen());
   EXPECT_EQ(got.size(), payload.size());
+}
+
+// A signal that arrives while connect waits must not end the attempt. The
+// wait is made real with a full accept queue: backlog 0 leaves room for one
+// queued connection, the filler takes it, so the client's first SYN is
+// dropped and its connect sleeps until the retransmission about 1 s later.
+TEST(CSITcpSocket, ASignalDuringConnectDoesNotLoseTheConnection) {
+  unsigned short port = 0;
+  int const listener = listenOn(AF_INET, 0, &port);
+  ASSERT_GE(listener, 0);
+  ASSERT_EQ(::listen(listener, 0), 0);
+  int const filler = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_storage to = loopback(AF_INET, port);
+  ASSERT_EQ(::connect(filler, reinterpret_cast<sockaddr*>(&to), lengthOf(AF_INET)), 0);
+
+  struct sigaction quiet {}, old{};
+  quiet.sa_handler = [](int) {};  // no SA_RESTART: the signal interrupts connect
+  ::sigaction(SIGUSR1, &quiet, &old);
+  pthread_t const client = ::pthread_self();
+  std::thread server([&] {
+    for (int i = 0; i < 3; ++i) {
+      std::this_thread::sleep_for(100ms);
+      ::pthread_kill(client, SIGUSR1);
+    }
+    ::close(::accept(listener, nullptr, nullptr));  // the filler: room for the client
+    pollfd p{listener, POLLIN, 0};
+    if (::poll(&p, 1, kDeadlineMs) != 1) return;
+    int const c = ::accept(listener, nullptr, nullptr);
+    writeAll(c, "hello\r\n");
+    waitForClose(c);
+    ::close(c);
+  });
+  CSITcpSocket s("127.0.0.1", port);
+  EXPECT_TRUE(s.TcpOpen(false));
+  EXPECT_TRUE(s.IsOpen());
+  char line[CSITcpSocket::LINE_BUFFER_SIZE] = {};
+  EXPECT_TRUE(s.GetLine(line, 10));
+  EXPECT_STREQ(line, "hello");
+  s.AbortSocket();
+  server.join();
+  ::sigaction(SIGUSR1, &old, nullptr);
+  ::close(filler);
+  ::close(listener);
 }
 
 TEST(CSITcpSocket, ServiceNamesCopiesAndAccessors) {

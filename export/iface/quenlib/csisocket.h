@@ -110,6 +110,8 @@ class QUENLIB_API CSISocket {
   static unsigned int socket(int family, int type, int protocol);
   // Accepts (close-on-exec), repeating while interrupted; INVALID on failure.
   static unsigned int accept(unsigned int s, sockaddr* addr, int* length);
+  // Connects a blocking socket: 0, or -1 with errno. A signal arriving
+  // while it waits does not end the attempt: the call waits for its outcome.
   static int connect(unsigned int s, sockaddr const* addr, int length);
   static int bind(unsigned int s, sockaddr const* addr, int length);
   static int listen(unsigned int s, int backlog);
