@@ -65,7 +65,6 @@ using nlohmann::json;
 
 namespace {
 
-constexpr int64_t kRootId = 1;
 constexpr int kAttempts = 8;
 constexpr size_t kOpsPerTxn = 64;  // etcd allows 128 operations per transaction by default
 constexpr auto kIdleWatch = std::chrono::seconds(30);
@@ -238,6 +237,25 @@ struct Op {
 
 class Cluster;
 
+// The keys and values of a tree write, folded: keys in the order they are
+// first needed (parents first), values with the last data given for them.
+struct TreePlan {
+  struct Key {
+    std::string rel;
+    std::string name;
+    bool open;
+  };
+  struct Value {
+    std::string keyRel;
+    std::string rel;
+    std::string name;
+    DWORD type;
+    std::string data;
+  };
+  std::vector<Key> keys;
+  std::vector<Value> values;
+};
+
 // ---------------------------------------------------------------- store
 
 class EtcdStore : public regstore::Store {
@@ -258,6 +276,8 @@ class EtcdStore : public regstore::Store {
   LONG enumValue(KeyRef const& key, DWORD index, ValueOut const& out) override;
   LONG counts(KeyRef const& key, DWORD& subKeys, DWORD& values) override;
   LONG openToEverybody(KeyRef const& key, BOOL& isOpen) override;
+  LONG writeTree(KeyRef const& root, std::vector<TreeValue> const& values) override;
+  LONG deleteTree(KeyRef const& base, std::string const& pathFold, bool self) override;
 
   // Fork: the watch thread stays behind in the parent. A reader-writer
   // lock cannot be unlocked by the child (its owner is the parent's
@@ -274,7 +294,10 @@ class EtcdStore : public regstore::Store {
   template <class Read>
   LONG read(std::vector<Span> const& spans, bool fresh, Read read);
   LONG fetch(std::vector<Span> const& spans, Mirror& out);
-  LONG commit(std::vector<Compare> const& cmps, std::vector<Op> const& ops, bool& succeeded);
+  LONG fetchTxn(std::string const& body, Mirror& out);
+  LONG commit(std::vector<Compare> const& cmps, std::vector<Op> const& ops, bool& succeeded,
+              int64_t* revision = nullptr);
+  LONG writeTreeOnce(KeyRef const& root, TreePlan const& plan, bool fresh, bool& retry);
   LONG createMissing(KeyRef const& base, std::vector<std::string_view> const& parts, bool openToAll, bool fresh,
                      int64_t& id, bool& created, bool& retry);
   void applyOwn(std::vector<Op> const& ops, int64_t revision);
@@ -472,12 +495,22 @@ LONG EtcdStore::read(std::vector<Span> const& spans, bool fresh, Read read) {
   return read(static_cast<Mirror const&>(m));
 }
 
-// Reads the spans from the cluster in one transaction.
+// Reads the spans from the cluster, one transaction per kOpsPerTxn spans
+// (a tree write reads more; its writes check what it read).
 LONG EtcdStore::fetch(std::vector<Span> const& spans, Mirror& out) {
-  json success = json::array();
-  for (auto const& s : spans) success.push_back({{"request_range", rangeRequest(base_, s)}});
+  for (size_t from = 0; from < spans.size(); from += kOpsPerTxn) {
+    json success = json::array();
+    for (size_t i = from; i < std::min(spans.size(), from + kOpsPerTxn); ++i)
+      success.push_back({{"request_range", rangeRequest(base_, spans[i])}});
+    LONG rc = fetchTxn(json{{"success", std::move(success)}}.dump(), out);
+    if (rc != ERROR_SUCCESS) return rc;
+  }
+  return ERROR_SUCCESS;
+}
+
+LONG EtcdStore::fetchTxn(std::string const& body, Mirror& out) {
   std::string reply;
-  LONG rc = cluster_->post("/v3/kv/txn", json{{"success", std::move(success)}}.dump(), reply);
+  LONG rc = cluster_->post("/v3/kv/txn", body, reply);
   if (rc != ERROR_SUCCESS) return rc;
   etcd::TxnReply txn;
   if (!etcd::parseTxn(reply, txn)) return ERROR_REGISTRY_IO_FAILED;
@@ -582,7 +615,8 @@ LONG EtcdStore::openToEverybody(KeyRef const& key, BOOL& isOpen) {
 
 // ------------------------------------------------------------ writes
 
-LONG EtcdStore::commit(std::vector<Compare> const& cmps, std::vector<Op> const& ops, bool& succeeded) {
+LONG EtcdStore::commit(std::vector<Compare> const& cmps, std::vector<Op> const& ops, bool& succeeded,
+                       int64_t* revision) {
   std::string reply;
   LONG rc = cluster_->post("/v3/kv/txn", txnBody(base_, cmps, ops).dump(), reply);
   if (rc != ERROR_SUCCESS) return rc;
@@ -590,7 +624,125 @@ LONG EtcdStore::commit(std::vector<Compare> const& cmps, std::vector<Op> const& 
   if (!etcd::parseTxn(reply, txn)) return ERROR_REGISTRY_IO_FAILED;
   succeeded = txn.succeeded;
   if (succeeded) applyOwn(ops, txn.revision);
+  if (revision) *revision = txn.revision;
   return ERROR_SUCCESS;
+}
+
+namespace {
+
+TreePlan planTree(std::string const& rootPath, std::vector<TreeValue> const& values) {
+  TreePlan plan;
+  std::map<std::string, size_t> keyAt, valueAt;
+  std::vector<std::string_view> parts;
+  std::string fold;
+  for (auto const& v : values) {
+    splitPath(v.keyPath.c_str(), parts);
+    std::string path = rootPath;
+    for (size_t i = 0; i < parts.size(); ++i) {
+      foldName(parts[i], fold);
+      path = joinFold(path, fold);
+      std::string rel = relKey(path);
+      if (keyAt.emplace(rel, plan.keys.size()).second)
+        plan.keys.push_back({std::move(rel), std::string(parts[i]), v.openToAll && i + 1 == parts.size()});
+    }
+    foldName(v.name, fold);
+    std::string keyRel = relKey(path);
+    std::string rel = valueKey(keyRel, fold);
+    auto [at, fresh] = valueAt.emplace(rel, plan.values.size());
+    if (fresh) plan.values.push_back({std::move(keyRel), std::move(rel), v.name, v.type, v.data});
+    else plan.values[at->second].type = v.type, plan.values[at->second].data = v.data;
+  }
+  return plan;
+}
+
+// The key a key hangs from, or the key a value belongs to.
+std::string ownerRel(std::string const& rel) {
+  size_t const nul = rel.find('\0');
+  return nul != std::string::npos ? rel.substr(0, nul) : rel.substr(0, rel.rfind('\1'));
+}
+
+}  // namespace
+
+LONG EtcdStore::writeTree(KeyRef const& root, std::vector<TreeValue> const& values) {
+  if (values.empty()) return ERROR_SUCCESS;
+  TreePlan const plan = planTree(*root.pathFold, values);
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    bool retry = false;
+    LONG rc = writeTreeOnce(root, plan, attempt > 0, retry);
+    if (!retry) return rc;
+  }
+  QL_TRACE_ERROR("registry: writing a tree kept meeting concurrent changes");
+  return ERROR_REGISTRY_IO_FAILED;
+}
+
+// One attempt: reads what exists, then writes every missing key and every
+// value in transactions of at most kOpsPerTxn etcd keys, in key order (a
+// key before its values and its sub-keys). A key created by an earlier
+// transaction is checked by the later ones that hang keys from it.
+LONG EtcdStore::writeTreeOnce(KeyRef const& root, TreePlan const& plan, bool fresh, bool& retry) {
+  std::string const rootRel = relKey(*root.pathFold);
+  std::vector<Span> spans{oneKey(rootRel)};
+  for (auto const& k : plan.keys) spans.push_back(oneKey(k.rel));
+  for (auto const& v : plan.values) spans.push_back(oneKey(v.rel));
+  int64_t const now = nowFileTime();
+  std::map<std::string, std::pair<std::vector<Compare>, Op>> writes;
+  std::map<std::string, bool> creates;  // rel -> created here
+  LONG rc = read(spans, fresh, [&](Mirror const& m) {
+    if (!alive(m, rootRel, root.id)) return ERROR_KEY_DELETED;
+    auto touch = [&](std::string const& rel, Entry e) {
+      if (rel.empty() || writes.count(rel)) return;
+      e.mtime = now;
+      writes[rel] = {{{rel, false, e.createRev}}, {rel, {}, keyRecord(e)}};
+    };
+    for (auto const& k : plan.keys) {
+      Entry const* e = findEntry(m, k.rel);
+      creates[k.rel] = e == nullptr;
+      if (e) continue;
+      writes[k.rel] = {{{k.rel, false, 0}}, {k.rel, {}, keyRecord(k.name, k.open, now), true}};
+      std::string const parent = ownerRel(k.rel);
+      if (Entry const* p = findEntry(m, parent)) touch(parent, *p);
+    }
+    for (auto const& v : plan.values) {
+      Entry const* old = findEntry(m, v.rel);
+      std::string const& spelling = old ? old->name : v.name;
+      writes[v.rel] = {{{v.rel, true, old ? old->modRev : 0}}, {v.rel, {}, valueRecord(spelling, v.type, v.data), !old}};
+      if (Entry const* k = findEntry(m, v.keyRel)) touch(v.keyRel, *k);
+    }
+    return ERROR_SUCCESS;
+  });
+  if (rc != ERROR_SUCCESS) return rc;
+  std::map<std::string, int64_t> createdAt;
+  auto it = writes.begin();
+  while (it != writes.end()) {
+    std::vector<Compare> cmps;
+    std::vector<Op> ops;
+    for (size_t n = 0; n < kOpsPerTxn && it != writes.end(); ++n, ++it) {
+      cmps.insert(cmps.end(), it->second.first.begin(), it->second.first.end());
+      ops.push_back(it->second.second);
+      auto made = createdAt.find(ownerRel(it->first));
+      bool const hangs = isValueKey(it->first) || creates[it->first];
+      if (hangs && made != createdAt.end()) cmps.push_back({made->first, false, made->second});
+    }
+    bool ok = false;
+    int64_t revision = 0;
+    rc = commit(cmps, ops, ok, &revision);
+    if (rc != ERROR_SUCCESS) return rc;
+    if (!ok) {
+      retry = true;
+      return ERROR_SUCCESS;
+    }
+    for (auto const& op : ops)
+      if (op.creates && !isValueKey(op.rel)) createdAt[op.rel] = revision;
+  }
+  return ERROR_SUCCESS;
+}
+
+LONG EtcdStore::deleteTree(KeyRef const&, std::string const& pathFold, bool self) {
+  std::string const rel = relKey(pathFold);
+  // The key itself, its values and its tree, or only the tree: one range.
+  Op const op{self ? rel : rel + '\1', rel + '\2', {}};
+  bool ok = false;
+  return commit({}, {op}, ok);
 }
 
 LONG EtcdStore::createKey(KeyRef const& base, std::vector<std::string_view> const& parts,
