@@ -27,7 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   if (used > size) __builtin_trap();
   std::vector<etcd::WatchMessage> again;
   bool badAgain = false;
-  if (etcd::takeWatchMessages(text.substr(0, used), again, badAgain) != used || badAgain) __builtin_trap();
+  if (etcd::takeWatchMessages(text.substr(0, used), again, badAgain) != used || badAgain)
+    __builtin_trap();
   if (again.size() != messages.size()) __builtin_trap();
 
   std::string decoded;

@@ -102,17 +102,18 @@ class Store {
 
   // The key at `pathFold` (reached from `base`, `reached` components
   // below it); its id on success.
-  virtual LONG openKey(KeyRef const& base, size_t reached, std::string const& pathFold, REGSAM access,
-                       int64_t& id) = 0;
+  virtual LONG openKey(KeyRef const& base, size_t reached, std::string const& pathFold,
+                       REGSAM access, int64_t& id) = 0;
   // Opens or creates the key at `pathFold` and its missing parents; the
   // last one created gets the open-to-everybody mark when asked.
   virtual LONG createKey(KeyRef const& base, std::vector<std::string_view> const& parts,
-                         std::string const& pathFold, bool openToAll, int64_t& id, bool& created) = 0;
+                         std::string const& pathFold, bool openToAll, int64_t& id,
+                         bool& created) = 0;
   virtual LONG queryValue(KeyRef const& key, std::string const& nameFold, DWORD* type, BYTE* data,
                           DWORD* size) = 0;
   // `bytes` already carries a string's terminating null.
-  virtual LONG setValue(KeyRef const& key, std::string_view name, std::string const& nameFold, DWORD type,
-                        std::string const& bytes) = 0;
+  virtual LONG setValue(KeyRef const& key, std::string_view name, std::string const& nameFold,
+                        DWORD type, std::string const& bytes) = 0;
   virtual LONG deleteValue(KeyRef const& key, std::string const& nameFold) = 0;
   // Deletes the key at `pathFold` (never the root) unless it has sub-keys.
   virtual LONG deleteKey(KeyRef const& base, std::string const& pathFold) = 0;
