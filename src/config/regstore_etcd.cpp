@@ -1033,14 +1033,18 @@ LONG EtcdStore::deleteKey(KeyRef const&, std::string const& pathFold) {
 void EtcdStore::applyOwn(std::vector<Op> const& ops, int64_t revision) {
   std::unique_lock<CacheLock> lock(cacheMu_);
   for (auto const& op : ops) {
+    // Threads of this process may get here out of revision order: what a
+    // later revision wrote stays.
     if (!op.end.empty()) {
-      cache_.erase(cache_.lower_bound(op.rel), cache_.lower_bound(op.end));
+      for (auto it = cache_.lower_bound(op.rel); it != cache_.end() && it->first < op.end;)
+        it = it->second.modRev < revision ? cache_.erase(it) : std::next(it);
       tombstones_.push_back({op.rel, op.end, revision});
       continue;
     }
     Entry e;
     if (!decodeRecord(op.rel, op.record, e)) continue;
     auto it = cache_.find(op.rel);
+    if (it != cache_.end() && it->second.modRev > revision) continue;
     e.createRev = it != cache_.end() && !op.creates ? it->second.createRev : revision;
     e.modRev = revision;
     cache_[op.rel] = std::move(e);
