@@ -797,8 +797,8 @@ LONG EtcdStore::writeTreeOnce(KeyRef const& root, TreePlan const& plan, bool fre
         for (auto const& v : plan.values) {
           Entry const* old = findEntry(m, v.rel);
           std::string const& spelling = old ? old->name : v.name;
-          writes[v.rel] = {{{v.rel, true, old ? old->modRev : 0}},
-                           {v.rel, {}, valueRecord(spelling, v.type, v.data), !old}};
+          writes[v.rel] = {old ? std::vector<Compare>{} : std::vector<Compare>{{v.rel, true, 0}},
+                           {v.rel, {}, valueRecord(spelling, v.type, v.data)}};
           if (Entry const* k = findEntry(m, v.keyRel)) touch(v.keyRel, *k);
         }
         return ERROR_SUCCESS;
@@ -946,8 +946,10 @@ LONG EtcdStore::setValue(KeyRef const& key, std::string_view name, std::string c
           Entry const* old = findEntry(m, vkey);
           // A value keeps the spelling it was first written with.
           std::string const spelling(old ? std::string_view(old->name) : name);
-          cmps.push_back({vkey, true, old ? old->modRev : 0});
-          ops.push_back({vkey, {}, valueRecord(spelling, type, bytes), old == nullptr});
+          // Two first writes of one value: the first spelling wins. A rewrite
+          // needs no check (it keeps the spelling it read, whoever wrote last).
+          if (!old) cmps.push_back({vkey, true, 0});
+          ops.push_back({vkey, {}, valueRecord(spelling, type, bytes)});
           if (rel.empty()) return ERROR_SUCCESS;
           Entry k = *findEntry(m, rel);
           k.mtime = nowFileTime();
