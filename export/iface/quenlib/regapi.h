@@ -5,6 +5,8 @@
 // directory named by QUENLIB_REGISTRY_DIR or, without it, /var/lib/quenlib
 // for the machine root and ${XDG_CONFIG_HOME:-$HOME/.config}/quenlib for
 // the others. Several processes may read and write one store at once.
+// A process may keep its registry on an etcd cluster instead (shared by
+// many machines): see RegSelectStore and QUENLIB_REGISTRY_ETCD below.
 //
 // The functions keep the classic contracts: status codes instead of
 // exceptions, caller-supplied buffers with ERROR_MORE_DATA and the needed
@@ -176,5 +178,17 @@ QUENLIB_API BOOL SetHandleInformation(HKEY key, DWORD mask, DWORD flags);
 // The store file that backs a predefined root, as the functions above
 // would open it now (follows QUENLIB_REGISTRY_DIR). Empty for other keys.
 QUENLIB_API std::string RegStorePath(HKEY root);
+
+// Chooses the store of the predefined roots for this process:
+// nullptr, "" or "sqlite" for the embedded SQLite store (the default),
+// "etcd://HOST:PORT[,HOST:PORT...]" or "http://HOST:PORT[,http://HOST:PORT...]"
+// for an etcd cluster. Overrides QUENLIB_REGISTRY_ETCD and the
+// "etcd-endpoints" file; roots opened afterwards use it, handles already
+// open keep their store. ERROR_INVALID_PARAMETER for a location that does
+// not parse.
+QUENLIB_API LONG RegSelectStore(LPCSTR location);
+// The store location in force ("sqlite" for the default, otherwise
+// "etcd://HOST:PORT,HOST:PORT..."), after the override, the environment and the file.
+QUENLIB_API std::string RegStoreLocation();
 
 }  // namespace QuenLibA500
