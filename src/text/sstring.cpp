@@ -888,6 +888,11 @@ void SString_t<Unit, Flag>::concat(Unit const* s, unsigned n) {
 }
 
 template <class Unit, int Flag>
+void SString_t<Unit, Flag>::appendUnitSlow(Unit c) {
+  if (c != 0) concat(&c, 1);
+}
+
+template <class Unit, int Flag>
 void SString_t<Unit, Flag>::concat(iterator const& from, iterator const& to) {
   if (!from.m_cursor || !to.m_cursor || to.m_cursor <= from.m_cursor) return;
   concat(from.m_cursor, static_cast<unsigned>(to - from));

@@ -54,11 +54,13 @@
 #include <quenlib/sinterlocked.h>
 #include <quenlib/types.h>
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <type_traits>
 
 namespace QuenLibA500 {
 
@@ -349,7 +351,7 @@ class QUENLIB_API SString_t {
     return *this;
   }
   SString_t& operator+=(Unit c) {
-    appendChar(char_type(c));
+    appendUnit(c);
     return *this;
   }
 
@@ -546,23 +548,49 @@ class QUENLIB_API SString_t {
     return 0;
   }
 
-  // Appends the units of one character, in place when the buffer is private
-  // and has room (the common case of building text character by character).
+  // Appends the units of one character; a character of one unit (or the
+  // zero character, which appends nothing) takes appendUnit's path.
   void appendChar(char_type const& c) {
-    unsigned n = c.getNUnits();
+    if constexpr (kMultibyte) {
+      if (c.getData().units[1] != 0) {
+        concat(c.getData().units, c.getNUnits());
+        return;
+      }
+    }
+    appendUnit(c.getChar());
+  }
+  // Appends the one unit c (0 appends nothing). Building text unit by unit
+  // is common, so the case of a private buffer with room is inline and
+  // writes the unit, the terminator and the length and nothing else; the
+  // unit stays in a register (its address is never taken here). A count of
+  // 1 also rules out the static empty buffer, whose count is -1.
+  void appendUnit(Unit c) {
     SStringBuffer* b = m_buffer;
-    uint32_t len = b->length;
-    if (n == 1 && b->allocated - len > 1 && !IsEmptyBuffer(*b) && b->count.read() == 1) {
-      Unit* p = b->getBuffer();
-      p[len] = c.getChar();
-      p[len + 1] = 0;
+    uint32_t const len = b->length;
+    if (c != 0 && b->count.read() == 1 && b->allocated - len > 1) {
+      StoreUnitAndTerminator(b->getBuffer() + len, c);
       b->length = len + 1;
       if constexpr (kMultibyte) {
-        if (static_cast<unsigned char>(c.getChar()) >= 0x80) b->setTextKind(kTextMixed);
+        if (static_cast<unsigned char>(c) >= 0x80) b->setTextKind(kTextMixed);
       }
       return;
     }
-    concat(c.getData().units, n);
+    appendUnitSlow(c);
+  }
+  // Everything appendUnit does not do inline: growth, a shared or empty
+  // buffer, the zero unit.
+  void appendUnitSlow(Unit c);
+  // Writes c at p and the terminator after it with one store of twice the
+  // unit's width.
+  static void StoreUnitAndTerminator(Unit* p, Unit c) noexcept {
+    using Pair = std::conditional_t<sizeof(Unit) == 1, uint16_t, uint32_t>;
+    if constexpr (std::endian::native == std::endian::little) {
+      Pair const v = static_cast<std::make_unsigned_t<Unit>>(c);
+      std::memcpy(p, &v, sizeof v);
+    } else {
+      p[0] = c;
+      p[1] = 0;
+    }
   }
 
   void assignUnits(Unit const* s, unsigned n);
