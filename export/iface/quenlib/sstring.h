@@ -310,9 +310,11 @@ class QUENLIB_API SString_t {
   SString_t() noexcept : m_buffer(GetEmptyBuffer()) {}
   SString_t(char_type const& c);
   // A copy takes the source's buffer and one more reference to it: nothing
-  // to release first, so no trip through setBuffer.
+  // to release first, so no trip through setBuffer. Testing the address
+  // rather than the marker keeps the buffer's words out of the copy: the
+  // locked add is its only access to them.
   SString_t(SString_t const& o) noexcept : m_buffer(o.m_buffer) {
-    if (!IsEmptyBuffer(*m_buffer)) m_buffer->count.exchangeInc();
+    if (m_buffer != GetEmptyBuffer()) m_buffer->count.exchangeInc();
   }
   // Moving leaves the source empty (construction) or holding the target's
   // old text (assignment swaps the buffers).
@@ -510,13 +512,15 @@ class QUENLIB_API SString_t {
     m_buffer = nullptr;
   }
   static void ReleaseBuffer(SStringBuffer* b) noexcept {
-    // The marker alone identifies the static empty buffer: comparing its
-    // address too would cost a load of that address on every release.
-    if (!b || IsEmptyBuffer(*b)) return;
-    // A sole owner frees without the atomic decrement: nobody else can take
-    // a reference, since that would need this very string object. The
-    // acquiring read orders the other owners' last accesses before the free.
-    if (b->count.read() == 1 || b->count.exchangeDec() == 1) FreeBuffer(b);
+    if (!b) return;
+    // One read of the count decides everything: the static empty buffer is
+    // the only one with a negative count, and a sole owner (count 1) frees
+    // without the atomic decrement, since nobody else can take a reference
+    // without this very string object. The read is a full-barrier load, so
+    // the other owners' last accesses are ordered before the free.
+    int32_t const count = b->count.read();
+    if (count < 0) return;
+    if (count == 1 || b->count.exchangeDec() == 1) FreeBuffer(b);
   }
   // Returns a block to the thread's cache of small blocks, or to the heap.
   static void FreeBuffer(SStringBuffer* b) noexcept;
@@ -524,7 +528,7 @@ class QUENLIB_API SString_t {
     if (b == m_buffer) return;
     ReleaseBuffer(m_buffer);
     m_buffer = b;
-    if (!IsEmptyBuffer(*b)) b->count.exchangeInc();
+    if (b != GetEmptyBuffer()) b->count.exchangeInc();
   }
   // Makes the buffer private with room for n units plus the terminator,
   // for the caller to write the text through getString().
