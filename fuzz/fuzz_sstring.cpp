@@ -72,6 +72,21 @@ void Exercise(SAnsiString s, SAnsiString const& needle) {
   }
   Check(std::string(s.getString(), s.getLength()) == before);
 
+  // Appending the needle a unit at a time (in place while the buffer is
+  // private and has room) must give what one-unit texts appended give:
+  // the same text, the same character count, the shared source unchanged.
+  SAnsiString byUnit(s), byText(s);
+  for (unsigned i = 0; i < needle.getLength(); ++i) {
+    char const c = needle.getString()[i];
+    byUnit += c;
+    if (c != 0) byText.concat(&c, 1);
+    if (i == needle.getLength() / 2) (void)byUnit.getNChars();  // the kind known midway
+  }
+  Check(byUnit.getLength() == byText.getLength());
+  Check(std::memcmp(byUnit.getString(), byText.getString(), byUnit.getLength() + 1) == 0);
+  Check(byUnit.getNChars() == byText.getNChars());
+  Check(std::string(s.getString(), s.getLength()) == before);
+
   std::string raw(s.getString(), s.getLength());
   raw.push_back('\0');
   MakeUpperCase(raw.data(), static_cast<unsigned>(-1));

@@ -725,6 +725,16 @@ void SString_t<Unit, Flag>::allocBuffer(unsigned n) {
   m_buffer = b;
 }
 
+// A block of the smallest class for the library's own builders of short
+// texts (integer to text). Hidden, so that their call is direct: the
+// exported members are reached through the PLT even from inside the
+// library, and allocBuffer works out the block's class at run time.
+[[gnu::visibility("hidden")]] void* AllocShortTextBlock() {
+  void* mem = AllocBlock(kSmallBlock);
+  if (!mem) throw SBadAlloc();
+  return mem;
+}
+
 namespace {
 
 // Grows (or shrinks) a privately owned block in place to cap units. A
@@ -885,6 +895,11 @@ void SString_t<Unit, Flag>::concat(Unit const* s, unsigned n) {
   if constexpr (kMultibyte) {
     if (kind == kTextSingleByte && n <= 64 && AllSingleByte(dst, n)) m_buffer->setTextKind(kind);
   }
+}
+
+template <class Unit, int Flag>
+void SString_t<Unit, Flag>::appendUnitSlow(Unit c) {
+  if (c != 0) concat(&c, 1);
 }
 
 template <class Unit, int Flag>

@@ -3,6 +3,7 @@
 // templates that the library exports.
 #include <quenlib/stringconv.h>
 
+#include <bit>
 #include <limits>
 #include <string>
 
@@ -19,6 +20,9 @@ void ReportBadRadix(int radix) noexcept {
 }
 
 }  // namespace stringconv_internal
+
+// A block of 96 bytes from the string blocks' cache (sstring.cpp).
+[[gnu::visibility("hidden")]] void* AllocShortTextBlock();
 
 namespace {
 
@@ -49,11 +53,40 @@ struct DigitsInPlace : Str {
     this->allocBuffer(kStringConvUnits - 32);
     return this->getString();
   }
+  // The same for the narrow flavour, whose buffer fits the smallest block.
+  char* reserveShort() {
+    using Buffer = typename Str::SStringBuffer;
+    static_assert(sizeof(Buffer) + kStringConvUnits <= 96);
+    this->m_buffer = new (AllocShortTextBlock()) Buffer(1, 0, kStringConvUnits);
+    return this->getString();
+  }
   void finish(unsigned n) { this->terminateBuffer(n); }
 };
 
+// The decimal text of a value whose magnitude fits 32 bits, the sign
+// written without a branch: the digits overwrite it when there is none.
+template <class Str>
+[[gnu::always_inline]] inline Str DecimalStringOf(bool negative, uint32_t magnitude) {
+  unsigned const digits = stringconv_internal::DecimalDigits(magnitude);
+  DigitsInPlace<Str> r;
+  char* p = r.reserveShort();
+  p[0] = '-';
+  stringconv_internal::WriteDecimalBackwards(p + negative + digits, magnitude);
+  r.finish(digits + negative);
+  return r;
+}
+
 template <class Str, class T>
 Str ToStringOf(T value, int radix) {
+  if constexpr (sizeof(typename Str::unit_type) == 1 && std::endian::native == std::endian::little) {
+    if (EffectiveRadix<T>(radix) == 10) {
+      bool negative = false;
+      if constexpr (std::is_signed_v<T>) negative = value < 0;
+      uint64_t const bits = static_cast<uint64_t>(value);
+      uint64_t const magnitude = negative ? 0 - bits : bits;
+      if (magnitude <= 0xFFFFFFFFu) return DecimalStringOf<Str>(negative, static_cast<uint32_t>(magnitude));
+    }
+  }
   DigitsInPlace<Str> r;
   int32_t n = StringConvFromInteger(r.reserve(), value, EffectiveRadix<T>(radix));
   if (n <= 0) return Str();  // a bad radix: the empty text, as ever

@@ -34,7 +34,11 @@ struct SStringTestAccess {
   template <class S, class Unit>
   static void SetTight(S& s, Unit const* text, uint32_t len, uint32_t allocated) {
     using Buf = typename S::SStringBuffer;
-    void* mem = std::malloc(sizeof(Buf) + allocated * sizeof(Unit));
+    // At least the 3 KiB of the largest cached block class: when released,
+    // the block is filed by its size under a class, and the next string of
+    // that class gets the whole class size.
+    size_t const bytes = sizeof(Buf) + allocated * sizeof(Unit);
+    void* mem = std::malloc(bytes > 3072 ? bytes : 3072);
     Buf* b = new (mem) Buf(1, len, allocated);
     std::copy(text, text + len, b->getBuffer());
     b->getBuffer()[len] = 0;
@@ -180,6 +184,34 @@ TYPED_TEST(AllFlavours, AppendGrowthNumbers) {
   EXPECT_EQ(TA::Buffer(w), before);
   EXPECT_TRUE(w == L("abcde"));
   (void)sizeof(U);
+}
+
+// One unit at a time (in place while the buffer is private and has room)
+// grows, shares and terminates exactly as one-unit texts appended do.
+TYPED_TEST(AllFlavours, UnitAppendsFollowTheGeneralAppend) {
+  using U = typename TypeParam::unit_type;
+  for (char const* start : {"empty", "private", "shared"}) {
+    TypeParam const source(L("abc"));
+    TypeParam byUnit, byText;
+    if (start[0] != 'e') byUnit = byText = source;
+    if (start[0] == 'p') {
+      byUnit += L("d");
+      byText += L("d");
+    }
+    if (start[0] == 's') {
+      byUnit += U(0);  // appends nothing and keeps the buffer shared
+      EXPECT_EQ(TA::Count(source), 3);
+    }
+    for (int i = 0; i < 200; ++i) {
+      U const c = static_cast<U>(i % 7 == 6 ? 0 : 'a' + i % 26);
+      byUnit += c;
+      if (c != 0) byText.concat(&c, 1);
+      ASSERT_EQ(TA::Allocated(byUnit), TA::Allocated(byText)) << start << " " << i;
+      ASSERT_TRUE(byUnit == byText) << start << " " << i;
+      ASSERT_EQ(byUnit.getString()[byUnit.getLength()], U(0)) << start << " " << i;
+    }
+    EXPECT_TRUE(source == L("abc")) << start;
+  }
 }
 
 TYPED_TEST(AllFlavours, AppendingItselfAndItsOwnPieces) {

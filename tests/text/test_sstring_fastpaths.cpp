@@ -72,6 +72,14 @@ TEST(SStringFastPaths, SingleByteKnowledgeFollowsEveryEdit) {
       {"append one-byte text", [](SAnsiString& s) { s += "tail"; }},
       {"append two-byte text", [](SAnsiString& s) { s += "\xC3\xBC"; }},
       {"one-byte char appended", [](SAnsiString& s) { s += 'z'; }},
+      // The first append takes the private copy; the next two are written
+      // in place, and the lead byte must mark the text as mixed.
+      {"two-byte character appended a byte at a time",
+       [](SAnsiString& s) {
+         s += 'a';
+         s += '\xC3';
+         s += '\xA9';
+       }},
       {"insert two-byte text", [](SAnsiString& s) { s.insertChars(1u, SAnsiString("\xC3\xB6")); }},
       {"delete the first three", [](SAnsiString& s) { s.deleteChars(0u, 3); }},
       {"trim the end", [](SAnsiString& s) { s += "  "; s.trimRight(); }},

@@ -54,11 +54,13 @@
 #include <quenlib/sinterlocked.h>
 #include <quenlib/types.h>
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <type_traits>
 
 namespace QuenLibA500 {
 
@@ -308,9 +310,11 @@ class QUENLIB_API SString_t {
   SString_t() noexcept : m_buffer(GetEmptyBuffer()) {}
   SString_t(char_type const& c);
   // A copy takes the source's buffer and one more reference to it: nothing
-  // to release first, so no trip through setBuffer.
+  // to release first, so no trip through setBuffer. Testing the address
+  // rather than the marker keeps the buffer's words out of the copy: the
+  // locked add is its only access to them.
   SString_t(SString_t const& o) noexcept : m_buffer(o.m_buffer) {
-    if (!IsEmptyBuffer(*m_buffer)) m_buffer->count.exchangeInc();
+    if (m_buffer != GetEmptyBuffer()) m_buffer->count.exchangeInc();
   }
   // Moving leaves the source empty (construction) or holding the target's
   // old text (assignment swaps the buffers).
@@ -349,7 +353,7 @@ class QUENLIB_API SString_t {
     return *this;
   }
   SString_t& operator+=(Unit c) {
-    appendChar(char_type(c));
+    appendUnit(c);
     return *this;
   }
 
@@ -508,13 +512,15 @@ class QUENLIB_API SString_t {
     m_buffer = nullptr;
   }
   static void ReleaseBuffer(SStringBuffer* b) noexcept {
-    // The marker alone identifies the static empty buffer: comparing its
-    // address too would cost a load of that address on every release.
-    if (!b || IsEmptyBuffer(*b)) return;
-    // A sole owner frees without the atomic decrement: nobody else can take
-    // a reference, since that would need this very string object. The
-    // acquiring read orders the other owners' last accesses before the free.
-    if (b->count.read() == 1 || b->count.exchangeDec() == 1) FreeBuffer(b);
+    if (!b) return;
+    // One read of the count decides everything: the static empty buffer is
+    // the only one with a negative count, and a sole owner (count 1) frees
+    // without the atomic decrement, since nobody else can take a reference
+    // without this very string object. The read is a full-barrier load, so
+    // the other owners' last accesses are ordered before the free.
+    int32_t const count = b->count.read();
+    if (count < 0) return;
+    if (count == 1 || b->count.exchangeDec() == 1) FreeBuffer(b);
   }
   // Returns a block to the thread's cache of small blocks, or to the heap.
   static void FreeBuffer(SStringBuffer* b) noexcept;
@@ -522,7 +528,7 @@ class QUENLIB_API SString_t {
     if (b == m_buffer) return;
     ReleaseBuffer(m_buffer);
     m_buffer = b;
-    if (!IsEmptyBuffer(*b)) b->count.exchangeInc();
+    if (b != GetEmptyBuffer()) b->count.exchangeInc();
   }
   // Makes the buffer private with room for n units plus the terminator,
   // for the caller to write the text through getString().
@@ -546,23 +552,49 @@ class QUENLIB_API SString_t {
     return 0;
   }
 
-  // Appends the units of one character, in place when the buffer is private
-  // and has room (the common case of building text character by character).
+  // Appends the units of one character; a character of one unit (or the
+  // zero character, which appends nothing) takes appendUnit's path.
   void appendChar(char_type const& c) {
-    unsigned n = c.getNUnits();
+    if constexpr (kMultibyte) {
+      if (c.getData().units[1] != 0) {
+        concat(c.getData().units, c.getNUnits());
+        return;
+      }
+    }
+    appendUnit(c.getChar());
+  }
+  // Appends the one unit c (0 appends nothing). Building text unit by unit
+  // is common, so the case of a private buffer with room is inline and
+  // writes the unit, the terminator and the length and nothing else; the
+  // unit stays in a register (its address is never taken here). A count of
+  // 1 also rules out the static empty buffer, whose count is -1.
+  void appendUnit(Unit c) {
     SStringBuffer* b = m_buffer;
-    uint32_t len = b->length;
-    if (n == 1 && b->allocated - len > 1 && !IsEmptyBuffer(*b) && b->count.read() == 1) {
-      Unit* p = b->getBuffer();
-      p[len] = c.getChar();
-      p[len + 1] = 0;
+    uint32_t const len = b->length;
+    if (c != 0 && b->count.read() == 1 && b->allocated - len > 1) {
+      StoreUnitAndTerminator(b->getBuffer() + len, c);
       b->length = len + 1;
       if constexpr (kMultibyte) {
-        if (static_cast<unsigned char>(c.getChar()) >= 0x80) b->setTextKind(kTextMixed);
+        if (static_cast<unsigned char>(c) >= 0x80) b->setTextKind(kTextMixed);
       }
       return;
     }
-    concat(c.getData().units, n);
+    appendUnitSlow(c);
+  }
+  // Everything appendUnit does not do inline: growth, a shared or empty
+  // buffer, the zero unit.
+  void appendUnitSlow(Unit c);
+  // Writes c at p and the terminator after it with one store of twice the
+  // unit's width.
+  static void StoreUnitAndTerminator(Unit* p, Unit c) noexcept {
+    using Pair = std::conditional_t<sizeof(Unit) == 1, uint16_t, uint32_t>;
+    if constexpr (std::endian::native == std::endian::little) {
+      Pair const v = static_cast<std::make_unsigned_t<Unit>>(c);
+      std::memcpy(p, &v, sizeof v);
+    } else {
+      p[0] = c;
+      p[1] = 0;
+    }
   }
 
   void assignUnits(Unit const* s, unsigned n);
