@@ -94,6 +94,18 @@ TEST_F(QuenReg, BadInputFailsWithAMessage) {
       {"query", "quen: quen reg query takes 1 argument(s); see quen reg --help\n"},
       {"delete HKLM", "quen: refusing to delete a whole root\n"},
       {"add HKCU\\\\a --bogus", "quen: unknown option --bogus\n"},
+      {"--store etcd:/127.0.0.1:2379 query HKLM",
+       "quen: --store etcd:/127.0.0.1:2379: not a store location (use sqlite, or etcd://HOST:PORT[,HOST:PORT...])\n"},
+      {"query HKLM --store mysql", "quen: --store mysql: not a store location (use sqlite, or etcd://HOST:PORT[,HOST:PORT...])\n"},
+      {"store HKLM", "quen: quen reg store takes 0 argument(s); see quen reg --help\n"},
+      {"migrate HKCU\\\\a", "quen: quen reg migrate needs --to etcd://HOST:PORT[,HOST:PORT...]\n"},
+      {"migrate HKCU\\\\a --to sqlite",
+       "quen: --to sqlite: not an etcd cluster (use sqlite, or etcd://HOST:PORT[,HOST:PORT...])\n"},
+      {"migrate HKCU\\\\a --to etcd://127.0.0.1:9 --store etcd://127.0.0.1:9",
+       "quen: quen reg migrate reads the SQLite store; name the etcd cluster with --to\n"},
+      // The source is read before the cluster is contacted (port 9 has no etcd).
+      {"migrate HKCU\\\\missing --to etcd://127.0.0.1:9",
+       "quen: HKEY_CURRENT_USER\\missing: the key or value does not exist\n"},
   };
   for (auto const& r : rows) {
     Outcome run = quenReg(r.args);

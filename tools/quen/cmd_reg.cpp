@@ -82,6 +82,10 @@ std::string errorText(LONG rc) {
     case ERROR_ACCESS_DENIED: return "access denied (the store cannot be written, or the key has sub-keys)";
     case ERROR_BAD_PATHNAME: return "bad key path";
     case ERROR_INVALID_PARAMETER: return "invalid parameter";
+    case ERROR_KEY_DELETED: return "the key was deleted meanwhile";
+    case ERROR_REGISTRY_IO_FAILED:
+      if (RegStoreLocation() == "sqlite") return "the store could not be read or written";
+      return "the etcd cluster " + RegStoreLocation() + " did not answer in time or refused the request";
     default: return "error " + std::to_string(rc);
   }
 }
@@ -610,14 +614,18 @@ void writeTree(KeyName const& key, SourceTree const& src, std::string const& whe
 void doMigrate(Args const& a) {
   needPositional(a, 1);
   if (a.to.empty()) fail("quen reg migrate needs --to etcd://HOST:PORT[,HOST:PORT...]");
-  if (a.hasStore && !a.store.empty() && strcasecmp(a.store.c_str(), "sqlite") != 0)
+  if (a.hasStore && RegStoreLocation() != "sqlite")
     fail("quen reg migrate reads the SQLite store; name the etcd cluster with --to");
+  KeyName const typed = splitKey(a.positional[0]);
+  selectStore(a.to, "--to");
+  if (RegStoreLocation() == "sqlite") fail("--to " + a.to + ": not an etcd cluster (" + kLocationHint + ")");
+
+  // The whole source is read before anything is written.
   selectStore("sqlite", "--store");
-  KeyName const key = storedSpelling(splitKey(a.positional[0]));
+  KeyName const key = storedSpelling(typed);
   SourceTree const src = readSource(key);
 
   selectStore(a.to, "--to");
-  if (RegStoreLocation() == "sqlite") fail("--to " + a.to + ": not an etcd cluster (" + kLocationHint + ")");
   if (targetHolds(key, a.to)) {
     if (!a.replaceTarget) fail(key.full() + " already exists in " + a.to + "; use --overwrite to replace it");
     clearTarget(key, a.to);
