@@ -21,7 +21,6 @@
 // process and handed out again while the change marks beside the store say
 // that no write of the library has happened since (see ChangeMarks).
 #include <quenlib/regapi.h>
-#include <quenlib/senvironment.h>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -29,9 +28,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <unicode/uchar.h>
-#include <unicode/unistr.h>
-#include <unicode/utf8.h>
 
 #include <cerrno>
 #include <chrono>
@@ -47,108 +43,16 @@
 #include <string_view>
 #include <vector>
 
+#include "config/regstore.h"
+
 namespace QuenLibA500 {
 
-namespace {
-class Store;
-}
-
-struct RegKeyHandle {
-  uint32_t magic;
-  Store* store;
-  int64_t id;
-  std::string pathFold;  // folded path below the root, "" for the root
-  REGSAM access;
-};
+using namespace regstore;
 
 namespace {
 
-constexpr uint32_t kLiveMagic = 0x51524b59;  // "QRKY"
-constexpr uint32_t kDeadMagic = 0xdeadbeef;
 constexpr int kBusyTimeoutMs = 15000;
-constexpr size_t kMaxKeyNameLength = 255;
-constexpr size_t kMaxValueNameLength = 16383;
 constexpr REGSAM kWriteRights = KEY_SET_VALUE | KEY_CREATE_SUB_KEY;
-
-// ---------------------------------------------------------------- names
-
-void asciiLower(std::string_view in, std::string& out) {
-  out.resize(in.size());
-  for (size_t i = 0; i < in.size(); ++i) {
-    unsigned char c = static_cast<unsigned char>(in[i]);
-    out[i] = (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : static_cast<char>(c);
-  }
-}
-
-bool isAscii(std::string_view s) {
-  for (char c : s)
-    if (static_cast<unsigned char>(c) >= 0x80) return false;
-  return true;
-}
-
-bool isValidUtf8(std::string_view s) {
-  int32_t i = 0, n = static_cast<int32_t>(s.size());
-  while (i < n) {
-    UChar32 c;
-    U8_NEXT(reinterpret_cast<uint8_t const*>(s.data()), i, n, c);
-    if (c < 0) return false;
-  }
-  return true;
-}
-
-// The comparison form of a name. Valid UTF-8 is folded with Unicode case
-// folding; other bytes (names from a non-UTF-8 locale) fold ASCII letters
-// only. The result depends on the bytes alone, never on the process
-// locale, so every process finds the same keys.
-void foldName(std::string_view in, std::string& out) {
-  if (isAscii(in) || !isValidUtf8(in)) return asciiLower(in, out);
-  icu::UnicodeString u = icu::UnicodeString::fromUTF8(
-      icu::StringPiece(in.data(), static_cast<int32_t>(in.size())));
-  u.foldCase();
-  out.clear();
-  u.toUTF8String(out);
-}
-
-// Splits a relative key path into its components. One trailing backslash is
-// tolerated; a leading one or an empty component is a bad path.
-LONG splitPath(char const* sub, std::vector<std::string_view>& parts) {
-  parts.clear();
-  if (!sub || !*sub) return ERROR_SUCCESS;
-  std::string_view s(sub);
-  if (s.front() == '\\') return ERROR_BAD_PATHNAME;
-  if (s.back() == '\\') s.remove_suffix(1);
-  while (!s.empty()) {
-    size_t cut = s.find('\\');
-    std::string_view part = s.substr(0, cut);
-    if (part.empty()) return ERROR_BAD_PATHNAME;
-    if (part.size() > kMaxKeyNameLength) return ERROR_INVALID_PARAMETER;
-    parts.push_back(part);
-    if (cut == std::string_view::npos) break;
-    s.remove_prefix(cut + 1);
-  }
-  return ERROR_SUCCESS;
-}
-
-std::string joinFold(std::string const& base, std::string_view partFold) {
-  if (base.empty()) return std::string(partFold);
-  std::string r;
-  r.reserve(base.size() + 1 + partFold.size());
-  r.append(base).push_back('\\');
-  r.append(partFold);
-  return r;
-}
-
-int64_t nowFileTime() {
-  using namespace std::chrono;
-  // 100 ns ticks between 1601-01-01 and 1970-01-01.
-  constexpr int64_t kEpochDelta = 116444736000000000LL;
-  auto ns = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
-  return ns / 100 + kEpochDelta;
-}
-
-bool isStringType(DWORD type) {
-  return type == REG_SZ || type == REG_EXPAND_SZ || type == REG_MULTI_SZ;
-}
 
 // --------------------------------------------------------------- files
 
@@ -161,16 +65,6 @@ std::string userConfigDir() {
   char const* xdg = std::getenv("XDG_CONFIG_HOME");
   if (xdg && *xdg) return std::string(xdg) + "/quenlib";
   return envOr("HOME", "/root") + "/.config/quenlib";
-}
-
-enum class RootKind { Classes, User, Machine, Users, None };
-
-RootKind rootKind(HKEY key) {
-  if (key == HKEY_CLASSES_ROOT) return RootKind::Classes;
-  if (key == HKEY_CURRENT_USER) return RootKind::User;
-  if (key == HKEY_LOCAL_MACHINE) return RootKind::Machine;
-  if (key == HKEY_USERS) return RootKind::Users;
-  return RootKind::None;
 }
 
 char const* storeFileName(RootKind kind) {
@@ -347,15 +241,32 @@ struct CachedValue {
   std::string data;
 };
 
-class Store {
+class SqliteStore : public regstore::Store {
  public:
-  Store(std::string path, mode_t fileMode, mode_t dirMode, bool mayCreate)
+  SqliteStore(std::string path, mode_t fileMode, mode_t dirMode, bool mayCreate)
       : path_(std::move(path)), fileMode_(fileMode), dirMode_(dirMode), mayCreate_(mayCreate) {}
 
   std::mutex mu;
 
   std::string const& path() const { return path_; }
   bool writable() const { return writable_; }
+
+  LONG openKey(KeyRef const& base, size_t reached, std::string const& pathFold, REGSAM access,
+               int64_t& id) override;
+  LONG createKey(KeyRef const& base, std::vector<std::string_view> const& parts, std::string const& pathFold,
+                 bool openToAll, int64_t& id, bool& created) override;
+  LONG queryValue(KeyRef const& key, std::string const& nameFold, DWORD* type, BYTE* data,
+                  DWORD* size) override;
+  LONG setValue(KeyRef const& key, std::string_view name, std::string const& nameFold, DWORD type,
+                std::string const& bytes) override;
+  LONG deleteValue(KeyRef const& key, std::string const& nameFold) override;
+  LONG deleteKey(KeyRef const& base, std::string const& pathFold) override;
+  LONG enumKey(KeyRef const& key, DWORD index, SubKeyOut const& out) override;
+  LONG enumValue(KeyRef const& key, DWORD index, ValueOut const& out) override;
+  LONG counts(KeyRef const& key, DWORD& subKeys, DWORD& values) override;
+  LONG openToEverybody(KeyRef const& key, BOOL& isOpen) override;
+
+  LONG deleteChildless(int64_t id);
 
   // Opens the connection if needed. Reading a store that does not exist
   // yet gives ERROR_FILE_NOT_FOUND (nothing is created by a read); writing
@@ -580,20 +491,20 @@ class Store {
 // Marks one write of the library on a store for other readers' caches.
 class WriteMark {
  public:
-  explicit WriteMark(Store& s) : s_(s) { s_.beginWrite(); }
+  explicit WriteMark(SqliteStore& s) : s_(s) { s_.beginWrite(); }
   ~WriteMark() { s_.endWrite(); }
   WriteMark(WriteMark const&) = delete;
   WriteMark& operator=(WriteMark const&) = delete;
 
  private:
-  Store& s_;
+  SqliteStore& s_;
 };
 
 // All stores ever opened, by file path. Stores live until the process ends;
 // handles point at them.
 struct StoreTable {
   std::mutex mu;
-  std::map<std::string, std::unique_ptr<Store>> stores;
+  std::map<std::string, std::unique_ptr<SqliteStore>> stores;
 };
 
 StoreTable& table() {
@@ -616,52 +527,24 @@ void afterFork() {
   t.mu.unlock();
 }
 
-Store* storeAt(std::string const& path, mode_t fileMode, mode_t dirMode, bool mayCreate) {
+SqliteStore* storeAt(std::string const& path, mode_t fileMode, mode_t dirMode, bool mayCreate) {
   static std::once_flag once;
   std::call_once(once, [] { pthread_atfork(&beforeFork, &afterFork, &afterFork); });
   StoreTable& t = table();
   std::lock_guard<std::mutex> lock(t.mu);
   auto& slot = t.stores[path];
-  if (!slot) slot = std::make_unique<Store>(path, fileMode, dirMode, mayCreate);
+  if (!slot) slot = std::make_unique<SqliteStore>(path, fileMode, dirMode, mayCreate);
   return slot.get();
 }
 
-Store* storeForRoot(RootKind kind) {
+SqliteStore* storeForRootKind(RootKind kind) {
   std::string path = storePathFor(kind);
   bool user = kind == RootKind::User;
   return storeAt(path, user ? 0600 : 0644, user ? 0700 : 0755, true);
 }
 
-// ------------------------------------------------------------- handles
-
-// What a handle refers to: a store, a key id in it, the key's folded path.
-struct KeyRef {
-  Store* store = nullptr;
-  int64_t id = 0;
-  std::string const* pathFold = nullptr;
-  REGSAM access = 0;
-  bool predefined = false;  // rights are checked on each use, not at an open
-};
-
-std::string const kEmpty;
-
-LONG resolve(HKEY key, KeyRef& ref) {
-  RootKind kind = rootKind(key);
-  if (kind != RootKind::None) {
-    ref = {storeForRoot(kind), 1, &kEmpty, KEY_ALL_ACCESS, true};
-    return ERROR_SUCCESS;
-  }
-  if (!key || key->magic != kLiveMagic) return ERROR_INVALID_HANDLE;
-  ref = {key->store, key->id, &key->pathFold, key->access, false};
-  return ERROR_SUCCESS;
-}
-
-HKEY newHandle(Store* store, int64_t id, std::string pathFold, REGSAM access) {
-  return new (std::nothrow) RegKeyHandle{kLiveMagic, store, id, std::move(pathFold), access};
-}
-
 // Looks up a key by folded path. Returns its id, 0 when absent, -1 on error.
-int64_t findKey(Store& s, std::string const& pathFold) {
+int64_t findKey(SqliteStore& s, std::string const& pathFold) {
   if (pathFold.empty()) return 1;
   sqlite3_stmt* st = s.stmt(kFindPath);
   if (!st) return -1;
@@ -673,7 +556,7 @@ int64_t findKey(Store& s, std::string const& pathFold) {
 }
 
 // Inserts one key; returns its id or -1.
-int64_t insertKey(Store& s, int64_t parent, std::string_view name, std::string const& pathFold,
+int64_t insertKey(SqliteStore& s, int64_t parent, std::string_view name, std::string const& pathFold,
                   bool openToAll) {
   sqlite3_stmt* st = s.stmt(kInsertKey);
   if (!st) return -1;
@@ -687,15 +570,9 @@ int64_t insertKey(Store& s, int64_t parent, std::string_view name, std::string c
   return sqlite3_last_insert_rowid(sqlite3_db_handle(st));
 }
 
-bool openToEverybody(SECURITY_ATTRIBUTES const* sa) {
-  if (!sa || !sa->lpSecurityDescriptor) return false;
-  auto const* sd = static_cast<SECURITY_DESCRIPTOR const*>(sa->lpSecurityDescriptor);
-  return sd->daclPresent && sd->dacl == nullptr;
-}
-
 // Creates the missing keys along `parts` below `base`. Runs inside a write
 // transaction. Returns the final key's id or -1.
-int64_t createPath(Store& s, KeyRef const& base, std::vector<std::string_view> const& parts,
+int64_t createPath(SqliteStore& s, KeyRef const& base, std::vector<std::string_view> const& parts,
                    bool openToAll, bool& created) {
   created = false;
   int64_t id = base.id;
@@ -718,13 +595,10 @@ int64_t createPath(Store& s, KeyRef const& base, std::vector<std::string_view> c
   return id;
 }
 
-// Checks the handle's rights and opens its store.
-LONG prepare(KeyRef const& ref, REGSAM need, bool forWrite) {
-  if ((ref.access & need) != need) return ERROR_ACCESS_DENIED;
-  return ref.store->open(forWrite, ref.predefined);
-}
+// Opens the store for a handle whose rights the caller has checked.
+LONG prepare(SqliteStore& s, KeyRef const& ref, bool forWrite) { return s.open(forWrite, ref.predefined); }
 
-bool keyAlive(Store& s, int64_t id) {
+bool keyAlive(SqliteStore& s, int64_t id) {
   sqlite3_stmt* st = s.stmt(kKeyInfo);
   if (!st) return false;
   StmtUse use(st);
@@ -732,31 +606,7 @@ bool keyAlive(Store& s, int64_t id) {
   return sqlite3_step(st) == SQLITE_ROW;
 }
 
-// Copies `len` bytes plus a terminating null into a character buffer of
-// `*chars` characters, with the classic size rules.
-LONG copyName(char const* text, size_t len, LPSTR out, DWORD* chars) {
-  if (!out || !chars) return ERROR_INVALID_PARAMETER;
-  if (len + 1 > *chars) return ERROR_MORE_DATA;
-  std::memcpy(out, text, len);
-  out[len] = '\0';
-  *chars = static_cast<DWORD>(len);
-  return ERROR_SUCCESS;
-}
-
-// Hands a value's bytes to the caller: the size is always reported; the
-// data only when the buffer holds it all.
-LONG copyData(void const* blob, int len, BYTE* data, DWORD* size) {
-  DWORD need = static_cast<DWORD>(len);
-  if (!size) return data ? ERROR_INVALID_PARAMETER : ERROR_SUCCESS;
-  DWORD room = *size;
-  *size = need;
-  if (!data) return ERROR_SUCCESS;
-  if (room < need) return ERROR_MORE_DATA;
-  if (need) std::memcpy(data, blob, need);
-  return ERROR_SUCCESS;
-}
-
-LONG finishWrite(Store& s, int rc) {
+LONG finishWrite(SqliteStore& s, int rc) {
   if (rc == SQLITE_DONE || rc == SQLITE_OK) {
     int c = s.exec(kCommit);
     if (c == SQLITE_DONE) return ERROR_SUCCESS;
@@ -766,102 +616,59 @@ LONG finishWrite(Store& s, int rc) {
   return sqliteStatus(rc);
 }
 
-}  // namespace
+// ------------------------------------------------------------- operations
 
-// ------------------------------------------------------------- functions
-
-LONG RegOpenKeyExA(HKEY key, LPCSTR subKey, DWORD, REGSAM access, PHKEY result) {
-  if (!result) return ERROR_INVALID_PARAMETER;
-  *result = nullptr;
-  KeyRef ref;
-  LONG rc = resolve(key, ref);
-  if (rc != ERROR_SUCCESS) return rc;
-  std::vector<std::string_view> parts;
-  rc = splitPath(subKey, parts);
-  if (rc != ERROR_SUCCESS) return rc;
-  std::lock_guard<std::mutex> lock(ref.store->mu);
-  rc = ref.store->open((access & kWriteRights) != 0);
+LONG SqliteStore::openKey(KeyRef const& base, size_t reached, std::string const& pathFold, REGSAM access,
+                          int64_t& id) {
+  std::lock_guard<std::mutex> lock(mu);
+  LONG rc = open((access & kWriteRights) != 0);
   // The root of a store nobody has written yet exists, empty.
-  bool emptyRoot = rc == ERROR_FILE_NOT_FOUND && parts.empty() && ref.id == 1;
+  bool emptyRoot = rc == ERROR_FILE_NOT_FOUND && reached == 0 && base.id == 1;
   if (rc != ERROR_SUCCESS && !emptyRoot) return rc;
-  std::string path = *ref.pathFold, partFold;
-  for (auto part : parts) {
-    foldName(part, partFold);
-    path = joinFold(path, partFold);
-  }
-  int64_t id = parts.empty() ? ref.id : findKey(*ref.store, path);
+  id = reached == 0 ? base.id : findKey(*this, pathFold);
   if (id < 0) return ERROR_REGISTRY_IO_FAILED;
   if (id == 0) return ERROR_FILE_NOT_FOUND;
-  *result = newHandle(ref.store, id, std::move(path), access);
-  return *result ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
-}
-
-LONG RegCreateKeyExA(HKEY key, LPCSTR subKey, DWORD, LPSTR, DWORD, REGSAM access,
-                     SECURITY_ATTRIBUTES const* security, PHKEY result, DWORD* disposition) {
-  if (!result) return ERROR_INVALID_PARAMETER;
-  *result = nullptr;
-  KeyRef ref;
-  LONG rc = resolve(key, ref);
-  if (rc != ERROR_SUCCESS) return rc;
-  std::vector<std::string_view> parts;
-  rc = splitPath(subKey, parts);
-  if (rc != ERROR_SUCCESS) return rc;
-  if (!parts.empty() && !(ref.access & KEY_CREATE_SUB_KEY)) return ERROR_ACCESS_DENIED;
-  Store& s = *ref.store;
-  std::lock_guard<std::mutex> lock(s.mu);
-  rc = s.open(true);
-  if (rc != ERROR_SUCCESS) return rc;
-  std::string path = *ref.pathFold, partFold;
-  for (auto part : parts) {
-    foldName(part, partFold);
-    path = joinFold(path, partFold);
-  }
-  // An existing key needs no write transaction: one look-up opens it.
-  bool created = false;
-  int64_t id = parts.empty() ? (keyAlive(s, ref.id) ? ref.id : 0) : findKey(s, path);
-  if (id <= 0) {
-    WriteMark mark(s);
-    int step = s.exec(kBegin);
-    if (step != SQLITE_DONE) return sqliteStatus(step);
-    id = createPath(s, ref, parts, openToEverybody(security), created);
-    if (id > 0 && parts.empty() && !keyAlive(s, id)) id = -2;
-    rc = finishWrite(s, id > 0 ? SQLITE_DONE : SQLITE_ERROR);
-    if (id == -2) return ERROR_KEY_DELETED;
-    if (rc != ERROR_SUCCESS) return rc;
-  }
-  *result = newHandle(&s, id, std::move(path), access);
-  if (!*result) return ERROR_NOT_ENOUGH_MEMORY;
-  if (disposition) *disposition = created ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
   return ERROR_SUCCESS;
 }
 
-LONG RegQueryValueExA(HKEY key, LPCSTR name, DWORD* reserved, DWORD* type, BYTE* data,
-                      DWORD* size) {
-  if (reserved) return ERROR_INVALID_PARAMETER;
-  if (data && !size) return ERROR_INVALID_PARAMETER;
-  KeyRef ref;
-  LONG rc = resolve(key, ref);
+LONG SqliteStore::createKey(KeyRef const& base, std::vector<std::string_view> const& parts,
+                            std::string const& pathFold, bool openToAll, int64_t& id, bool& created) {
+  std::lock_guard<std::mutex> lock(mu);
+  LONG rc = open(true);
   if (rc != ERROR_SUCCESS) return rc;
-  std::string nameFold;
-  foldName(name ? name : "", nameFold);
-  Store& s = *ref.store;
-  std::lock_guard<std::mutex> lock(s.mu);
-  rc = prepare(ref, KEY_QUERY_VALUE, false);
+  // An existing key needs no write transaction: one look-up opens it.
+  created = false;
+  id = parts.empty() ? (keyAlive(*this, base.id) ? base.id : 0) : findKey(*this, pathFold);
+  if (id > 0) return ERROR_SUCCESS;
+  WriteMark mark(*this);
+  int step = exec(kBegin);
+  if (step != SQLITE_DONE) return sqliteStatus(step);
+  id = createPath(*this, base, parts, openToAll, created);
+  if (id > 0 && parts.empty() && !keyAlive(*this, id)) id = -2;
+  rc = finishWrite(*this, id > 0 ? SQLITE_DONE : SQLITE_ERROR);
+  if (id == -2) return ERROR_KEY_DELETED;
+  return rc;
+}
+
+LONG SqliteStore::queryValue(KeyRef const& key, std::string const& nameFold, DWORD* type, BYTE* data,
+                             DWORD* size) {
+  std::lock_guard<std::mutex> lock(mu);
+  LONG rc = prepare(*this, key, false);
   if (rc != ERROR_SUCCESS) return rc;
   uint64_t generation = 0;
-  bool const mayKeep = s.cacheGeneration(generation);
+  bool const mayKeep = cacheGeneration(generation);
   std::string cacheKey;
   if (mayKeep) {
-    cacheKey = std::to_string(ref.id) + ':' + nameFold;
-    if (CachedValue const* v = s.cached(cacheKey, generation)) {
+    cacheKey = std::to_string(key.id) + ':' + nameFold;
+    if (CachedValue const* v = cached(cacheKey, generation)) {
       if (type) *type = v->type;
-      return copyData(v->data.data(), static_cast<int>(v->data.size()), data, size);
+      return copyData(v->data.data(), v->data.size(), data, size);
     }
   }
-  sqlite3_stmt* st = s.stmt(kGetValue);
+  sqlite3_stmt* st = stmt(kGetValue);
   if (!st) return ERROR_FILE_NOT_FOUND;  // a read-only store without tables
   StmtUse use(st);
-  sqlite3_bind_int64(st, 1, ref.id);
+  sqlite3_bind_int64(st, 1, key.id);
   sqlite3_bind_text(st, 2, nameFold.data(), static_cast<int>(nameFold.size()), SQLITE_STATIC);
   int step = sqlite3_step(st);
   if (step == SQLITE_DONE) return ERROR_FILE_NOT_FOUND;
@@ -870,35 +677,23 @@ LONG RegQueryValueExA(HKEY key, LPCSTR name, DWORD* reserved, DWORD* type, BYTE*
   if (type) *type = valueType;
   void const* blob = sqlite3_column_blob(st, 1);
   int const len = sqlite3_column_bytes(st, 1);
-  if (mayKeep) s.keep(std::move(cacheKey), generation, valueType, blob, len);
-  return copyData(blob, len, data, size);
+  if (mayKeep) keep(std::move(cacheKey), generation, valueType, blob, len);
+  return copyData(blob, static_cast<size_t>(len), data, size);
 }
 
-LONG RegSetValueExA(HKEY key, LPCSTR name, DWORD, DWORD type, BYTE const* data, DWORD size) {
-  if (size && !data) return ERROR_INVALID_PARAMETER;
-  if ((type == REG_DWORD && size != 4) || (type == REG_QWORD && size != 8)) return ERROR_INVALID_PARAMETER;
-  std::string_view nameView(name ? name : "");
-  if (nameView.size() > kMaxValueNameLength) return ERROR_INVALID_PARAMETER;
-  KeyRef ref;
-  LONG rc = resolve(key, ref);
+LONG SqliteStore::setValue(KeyRef const& key, std::string_view name, std::string const& nameFold, DWORD type,
+                           std::string const& bytes) {
+  std::lock_guard<std::mutex> lock(mu);
+  LONG rc = prepare(*this, key, true);
   if (rc != ERROR_SUCCESS) return rc;
-  // String data always carries its terminating null in the store.
-  std::string bytes(reinterpret_cast<char const*>(data ? data : reinterpret_cast<BYTE const*>("")), size);
-  if (isStringType(type) && (bytes.empty() || bytes.back() != '\0')) bytes.push_back('\0');
-  std::string nameFold;
-  foldName(nameView, nameFold);
-  Store& s = *ref.store;
-  std::lock_guard<std::mutex> lock(s.mu);
-  rc = prepare(ref, KEY_SET_VALUE, true);
-  if (rc != ERROR_SUCCESS) return rc;
-  sqlite3_stmt* st = s.stmt(kSetValue);
+  sqlite3_stmt* st = stmt(kSetValue);
   if (!st) return ERROR_REGISTRY_IO_FAILED;
-  WriteMark mark(s);
+  WriteMark mark(*this);
   // One statement is one transaction: readers see the old value or the new
   // one, never a part.
   StmtUse use(st);
-  sqlite3_bind_int64(st, 1, ref.id);
-  sqlite3_bind_text(st, 2, nameView.data(), static_cast<int>(nameView.size()), SQLITE_STATIC);
+  sqlite3_bind_int64(st, 1, key.id);
+  sqlite3_bind_text(st, 2, name.data(), static_cast<int>(name.size()), SQLITE_STATIC);
   sqlite3_bind_text(st, 3, nameFold.data(), static_cast<int>(nameFold.size()), SQLITE_STATIC);
   sqlite3_bind_int64(st, 4, type);
   sqlite3_bind_blob(st, 5, bytes.data(), static_cast<int>(bytes.size()), SQLITE_STATIC);
@@ -912,20 +707,16 @@ namespace {
 // while the store's lock is still held. A key that no longer exists has
 // no more items.
 template <class Rest>
-LONG enumRow(HKEY key, REGSAM access, Stmt which, DWORD index, LPSTR name, DWORD* nameChars,
+LONG enumRow(SqliteStore& s, KeyRef const& key, Stmt which, DWORD index, LPSTR name, DWORD* nameChars,
              Rest rest) {
-  KeyRef ref;
-  LONG rc = resolve(key, ref);
-  if (rc != ERROR_SUCCESS) return rc;
-  Store& s = *ref.store;
   std::lock_guard<std::mutex> lock(s.mu);
-  rc = prepare(ref, access, false);
+  LONG rc = prepare(s, key, false);
   if (rc == ERROR_FILE_NOT_FOUND) return ERROR_NO_MORE_ITEMS;
   if (rc != ERROR_SUCCESS) return rc;
   sqlite3_stmt* st = s.stmt(which);
   if (!st) return ERROR_NO_MORE_ITEMS;
   StmtUse use(st);
-  sqlite3_bind_int64(st, 1, ref.id);
+  sqlite3_bind_int64(st, 1, key.id);
   sqlite3_bind_int64(st, 2, index);
   int step = sqlite3_step(st);
   if (step == SQLITE_DONE) return ERROR_NO_MORE_ITEMS;
@@ -938,206 +729,123 @@ LONG enumRow(HKEY key, REGSAM access, Stmt which, DWORD index, LPSTR name, DWORD
 
 }  // namespace
 
-LONG RegEnumKeyExA(HKEY key, DWORD index, LPSTR name, DWORD* nameChars, DWORD* reserved,
-                   LPSTR keyClass, DWORD* classChars, FILETIME* lastWrite) {
-  if (reserved || !name || !nameChars) return ERROR_INVALID_PARAMETER;
-  return enumRow(key, KEY_ENUMERATE_SUB_KEYS, kEnumKey, index, name, nameChars,
-                 [&](sqlite3_stmt* st) -> LONG {
-                   if (keyClass && classChars && *classChars) keyClass[0] = '\0';
-                   if (classChars) *classChars = 0;
-                   if (lastWrite) {
-                     uint64_t t = static_cast<uint64_t>(sqlite3_column_int64(st, 1));
-                     lastWrite->dwLowDateTime = static_cast<DWORD>(t);
-                     lastWrite->dwHighDateTime = static_cast<DWORD>(t >> 32);
-                   }
-                   return ERROR_SUCCESS;
-                 });
+LONG SqliteStore::enumKey(KeyRef const& key, DWORD index, SubKeyOut const& out) {
+  return enumRow(*this, key, kEnumKey, index, out.name, out.nameChars, [&](sqlite3_stmt* st) -> LONG {
+    if (out.lastWrite) {
+      auto t = static_cast<uint64_t>(sqlite3_column_int64(st, 1));
+      out.lastWrite->dwLowDateTime = static_cast<DWORD>(t);
+      out.lastWrite->dwHighDateTime = static_cast<DWORD>(t >> 32);
+    }
+    return ERROR_SUCCESS;
+  });
 }
 
-LONG RegEnumValueA(HKEY key, DWORD index, LPSTR name, DWORD* nameChars, DWORD* reserved,
-                   DWORD* type, BYTE* data, DWORD* size) {
-  if (reserved || !name || !nameChars) return ERROR_INVALID_PARAMETER;
-  if (data && !size) return ERROR_INVALID_PARAMETER;
-  return enumRow(key, KEY_QUERY_VALUE, kEnumValue, index, name, nameChars,
-                 [&](sqlite3_stmt* st) -> LONG {
-                   if (type) *type = static_cast<DWORD>(sqlite3_column_int64(st, 1));
-                   return copyData(sqlite3_column_blob(st, 2), sqlite3_column_bytes(st, 2), data,
-                                   size);
-                 });
+LONG SqliteStore::enumValue(KeyRef const& key, DWORD index, ValueOut const& out) {
+  return enumRow(*this, key, kEnumValue, index, out.name, out.nameChars, [&](sqlite3_stmt* st) -> LONG {
+    if (out.type) *out.type = static_cast<DWORD>(sqlite3_column_int64(st, 1));
+    return copyData(sqlite3_column_blob(st, 2), static_cast<size_t>(sqlite3_column_bytes(st, 2)), out.data,
+                    out.size);
+  });
 }
 
-LONG RegDeleteKeyA(HKEY key, LPCSTR subKey) {
-  KeyRef ref;
-  LONG rc = resolve(key, ref);
+LONG SqliteStore::deleteKey(KeyRef const&, std::string const& pathFold) {
+  std::lock_guard<std::mutex> lock(mu);
+  LONG rc = open(true);
   if (rc != ERROR_SUCCESS) return rc;
-  std::vector<std::string_view> parts;
-  rc = splitPath(subKey, parts);
-  if (rc != ERROR_SUCCESS) return rc;
-  if (parts.empty()) return ERROR_ACCESS_DENIED;  // a key cannot delete itself through its handle
-  std::string path = *ref.pathFold, partFold;
-  for (auto part : parts) {
-    foldName(part, partFold);
-    path = joinFold(path, partFold);
-  }
-  Store& s = *ref.store;
-  std::lock_guard<std::mutex> lock(s.mu);
-  rc = s.open(true);
-  if (rc != ERROR_SUCCESS) return rc;
-  WriteMark mark(s);
-  int step = s.exec(kBegin);
+  WriteMark mark(*this);
+  int step = exec(kBegin);
   if (step != SQLITE_DONE) return sqliteStatus(step);
-  int64_t id = findKey(s, path);
-  LONG outcome = ERROR_SUCCESS;
-  if (id < 0) outcome = ERROR_REGISTRY_IO_FAILED;
-  else if (id == 0) outcome = ERROR_FILE_NOT_FOUND;
-  else {
-    sqlite3_stmt* child = s.stmt(kHasChild);
-    sqlite3_stmt* del = s.stmt(kDeleteKey);
-    if (!child || !del) outcome = ERROR_REGISTRY_IO_FAILED;
-    else {
-      StmtUse useChild(child);
-      sqlite3_bind_int64(child, 1, id);
-      step = sqlite3_step(child);
-      if (step == SQLITE_ROW) outcome = ERROR_ACCESS_DENIED;  // still has sub-keys
-      else if (step != SQLITE_DONE) outcome = sqliteStatus(step);
-    }
-    if (outcome == ERROR_SUCCESS) {
-      StmtUse useDel(del);
-      sqlite3_bind_int64(del, 1, id);
-      step = sqlite3_step(del);
-      if (step != SQLITE_DONE) outcome = sqliteStatus(step);
-    }
-  }
+  LONG outcome = deleteChildless(findKey(*this, pathFold));
   if (outcome != ERROR_SUCCESS) {
-    s.exec(kRollback);
+    exec(kRollback);
     return outcome;
   }
-  return finishWrite(s, SQLITE_DONE);
+  return finishWrite(*this, SQLITE_DONE);
 }
 
-LONG RegDeleteValueA(HKEY key, LPCSTR name) {
-  KeyRef ref;
-  LONG rc = resolve(key, ref);
+// Deletes key `id` inside the caller's transaction unless it has sub-keys.
+LONG SqliteStore::deleteChildless(int64_t id) {
+  if (id < 0) return ERROR_REGISTRY_IO_FAILED;
+  if (id == 0) return ERROR_FILE_NOT_FOUND;
+  sqlite3_stmt* child = stmt(kHasChild);
+  sqlite3_stmt* del = stmt(kDeleteKey);
+  if (!child || !del) return ERROR_REGISTRY_IO_FAILED;
+  {
+    StmtUse useChild(child);
+    sqlite3_bind_int64(child, 1, id);
+    int step = sqlite3_step(child);
+    if (step == SQLITE_ROW) return ERROR_ACCESS_DENIED;  // still has sub-keys
+    if (step != SQLITE_DONE) return sqliteStatus(step);
+  }
+  StmtUse useDel(del);
+  sqlite3_bind_int64(del, 1, id);
+  int step = sqlite3_step(del);
+  return step == SQLITE_DONE ? ERROR_SUCCESS : sqliteStatus(step);
+}
+
+LONG SqliteStore::deleteValue(KeyRef const& key, std::string const& nameFold) {
+  std::lock_guard<std::mutex> lock(mu);
+  LONG rc = prepare(*this, key, true);
   if (rc != ERROR_SUCCESS) return rc;
-  std::string nameFold;
-  foldName(name ? name : "", nameFold);
-  Store& s = *ref.store;
-  std::lock_guard<std::mutex> lock(s.mu);
-  rc = prepare(ref, KEY_SET_VALUE, true);
-  if (rc != ERROR_SUCCESS) return rc;
-  sqlite3_stmt* st = s.stmt(kDeleteValue);
+  sqlite3_stmt* st = stmt(kDeleteValue);
   if (!st) return ERROR_REGISTRY_IO_FAILED;
-  WriteMark mark(s);
+  WriteMark mark(*this);
   StmtUse use(st);
-  sqlite3_bind_int64(st, 1, ref.id);
+  sqlite3_bind_int64(st, 1, key.id);
   sqlite3_bind_text(st, 2, nameFold.data(), static_cast<int>(nameFold.size()), SQLITE_STATIC);
   int step = sqlite3_step(st);
   if (step != SQLITE_DONE) return sqliteStatus(step);
   return sqlite3_changes(sqlite3_db_handle(st)) > 0 ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
 }
 
-LONG RegCloseKey(HKEY key) {
-  if (rootKind(key) != RootKind::None) return ERROR_SUCCESS;
-  if (!key || key->magic != kLiveMagic) return ERROR_INVALID_HANDLE;
-  key->magic = kDeadMagic;
-  delete key;
+LONG SqliteStore::counts(KeyRef const& key, DWORD& subKeys, DWORD& values) {
+  std::lock_guard<std::mutex> lock(mu);
+  LONG rc = prepare(*this, key, false);
+  if (rc == ERROR_FILE_NOT_FOUND) return ERROR_SUCCESS;  // no store yet: nothing below
+  if (rc != ERROR_SUCCESS) return rc;
+  sqlite3_stmt* st = stmt(kCounts);
+  if (!st) return ERROR_SUCCESS;
+  StmtUse use(st);
+  sqlite3_bind_int64(st, 1, key.id);
+  if (sqlite3_step(st) == SQLITE_ROW) {
+    subKeys = static_cast<DWORD>(sqlite3_column_int64(st, 0));
+    values = static_cast<DWORD>(sqlite3_column_int64(st, 1));
+  }
   return ERROR_SUCCESS;
 }
 
-LONG RegConnectRegistryA(LPCSTR machine, HKEY key, PHKEY result) {
-  if (!result) return ERROR_INVALID_PARAMETER;
-  *result = nullptr;
-  RootKind kind = rootKind(key);
-  if (kind == RootKind::None) return ERROR_INVALID_HANDLE;
-  std::string_view name(machine ? machine : "");
-  while (!name.empty() && name.front() == '\\') name.remove_prefix(1);
-  if (name.empty()) {
-    *result = key;  // the local root itself
-    return ERROR_SUCCESS;
-  }
-  if (kind != RootKind::Machine && kind != RootKind::Users) return ERROR_INVALID_HANDLE;
-  char const* dir = std::getenv("QUENLIB_REGISTRY_REMOTE_DIR");
-  bool badName = name.find('/') != std::string_view::npos || name == "." || name == "..";
-  if (!dir || !*dir || badName) return ERROR_BAD_NETPATH;
-  std::string path = std::string(dir) + "/" + std::string(name) + "/" + storeFileName(kind);
-  if (::access(path.c_str(), F_OK) != 0) return ERROR_BAD_NETPATH;
-  Store* store = storeAt(path, 0644, 0755, false);
-  *result = newHandle(store, 1, std::string(), KEY_ALL_ACCESS);
-  return *result ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
-}
-
-LONG RegQueryInfoKeyCounts(HKEY key, DWORD* subKeys, DWORD* values) {
-  KeyRef ref;
-  LONG rc = resolve(key, ref);
+LONG SqliteStore::openToEverybody(KeyRef const& key, BOOL& isOpen) {
+  std::lock_guard<std::mutex> lock(mu);
+  LONG rc = open(false);
   if (rc != ERROR_SUCCESS) return rc;
-  Store& s = *ref.store;
-  std::lock_guard<std::mutex> lock(s.mu);
-  rc = prepare(ref, KEY_QUERY_VALUE, false);
-  DWORD nKeys = 0, nValues = 0;
-  if (rc == ERROR_SUCCESS) {
-    sqlite3_stmt* st = s.stmt(kCounts);
-    if (st) {
-      StmtUse use(st);
-      sqlite3_bind_int64(st, 1, ref.id);
-      if (sqlite3_step(st) == SQLITE_ROW) {
-        nKeys = static_cast<DWORD>(sqlite3_column_int64(st, 0));
-        nValues = static_cast<DWORD>(sqlite3_column_int64(st, 1));
-      }
-    }
-  } else if (rc != ERROR_FILE_NOT_FOUND) {
-    return rc;
-  }
-  if (subKeys) *subKeys = nKeys;
-  if (values) *values = nValues;
-  return ERROR_SUCCESS;
-}
-
-LONG RegQueryKeyOpenToEverybody(HKEY key, BOOL* open) {
-  if (!open) return ERROR_INVALID_PARAMETER;
-  KeyRef ref;
-  LONG rc = resolve(key, ref);
-  if (rc != ERROR_SUCCESS) return rc;
-  Store& s = *ref.store;
-  std::lock_guard<std::mutex> lock(s.mu);
-  rc = s.open(false);
-  if (rc != ERROR_SUCCESS) return rc;
-  sqlite3_stmt* st = s.stmt(kKeyInfo);
+  sqlite3_stmt* st = stmt(kKeyInfo);
   if (!st) return ERROR_FILE_NOT_FOUND;
   StmtUse use(st);
-  sqlite3_bind_int64(st, 1, ref.id);
+  sqlite3_bind_int64(st, 1, key.id);
   int step = sqlite3_step(st);
   if (step == SQLITE_DONE) return ERROR_KEY_DELETED;
   if (step != SQLITE_ROW) return sqliteStatus(step);
-  *open = sqlite3_column_int(st, 0) != 0;
+  isOpen = sqlite3_column_int(st, 0) != 0;
   return ERROR_SUCCESS;
 }
 
-DWORD ExpandEnvironmentStringsA(LPCSTR src, LPSTR dst, DWORD size) {
-  if (!src) return 0;
-  SAnsiString const out = SEnvironment::expand(src);
-  DWORD need = static_cast<DWORD>(out.getLength() + 1);
-  if (dst && size >= need) std::memcpy(dst, out.getString(), need);
-  return need;
+}  // namespace
+
+namespace regstore {
+
+Store* sqliteStoreForRoot(RootKind kind) { return storeForRootKind(kind); }
+
+LONG sqliteConnect(RootKind kind, std::string_view machine, Store*& store) {
+  char const* dir = std::getenv("QUENLIB_REGISTRY_REMOTE_DIR");
+  bool badName = machine.find('/') != std::string_view::npos || machine == "." || machine == "..";
+  if (!dir || !*dir || badName) return ERROR_BAD_NETPATH;
+  std::string path = std::string(dir) + "/" + std::string(machine) + "/" + storeFileName(kind);
+  if (::access(path.c_str(), F_OK) != 0) return ERROR_BAD_NETPATH;
+  store = storeAt(path, 0644, 0755, false);
+  return ERROR_SUCCESS;
 }
 
-BOOL InitializeSecurityDescriptor(SECURITY_DESCRIPTOR* sd, DWORD revision) {
-  if (!sd || revision != SECURITY_DESCRIPTOR_REVISION) return 0;
-  *sd = SECURITY_DESCRIPTOR{revision, 0, nullptr};
-  return 1;
-}
+std::string sqliteStorePath(RootKind kind) { return storePathFor(kind); }
 
-BOOL SetSecurityDescriptorDacl(SECURITY_DESCRIPTOR* sd, BOOL present, void* dacl, BOOL) {
-  if (!sd || sd->revision != SECURITY_DESCRIPTOR_REVISION) return 0;
-  sd->daclPresent = present ? 1 : 0;
-  sd->dacl = present ? dacl : nullptr;
-  return 1;
-}
-
-BOOL SetHandleInformation(HKEY key, DWORD, DWORD) {
-  if (rootKind(key) != RootKind::None) return 1;
-  return key && key->magic == kLiveMagic ? 1 : 0;
-}
-
-std::string RegStorePath(HKEY root) { return storePathFor(rootKind(root)); }
-
+}  // namespace regstore
 }  // namespace QuenLibA500

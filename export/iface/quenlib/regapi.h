@@ -177,4 +177,16 @@ QUENLIB_API BOOL SetHandleInformation(HKEY key, DWORD mask, DWORD flags);
 // would open it now (follows QUENLIB_REGISTRY_DIR). Empty for other keys.
 QUENLIB_API std::string RegStorePath(HKEY root);
 
+// Chooses the store of the predefined roots for this process:
+// nullptr, "" or "sqlite" for the embedded SQLite store (the default),
+// "etcd://HOST:PORT[,HOST:PORT...]" or "http://HOST:PORT[,http://HOST:PORT...]"
+// for an etcd cluster. Overrides QUENLIB_REGISTRY_ETCD and the
+// "etcd-endpoints" file; roots opened afterwards use it, handles already
+// open keep their store. ERROR_INVALID_PARAMETER for a location that does
+// not parse.
+QUENLIB_API LONG RegSelectStore(LPCSTR location);
+// The store location in force ("sqlite" for the default, otherwise
+// "etcd://HOST:PORT,HOST:PORT..."), after the override, the environment and the file.
+QUENLIB_API std::string RegStoreLocation();
+
 }  // namespace QuenLibA500
