@@ -13,9 +13,12 @@ class QuenReg : public quentest::StoreTest {
     if (::access(quentest::QuenPath().c_str(), X_OK) != 0) GTEST_SKIP() << "quen is not built";
     StoreTest::SetUp();
     useStore(dir + "/fresh/stores");
+    ::unsetenv("QUENLIB_REGISTRY_ETCD");
   }
   // quen reg with the (shell-quoted) arguments, standard error included.
-  static Outcome quenReg(std::string const& args) { return quentest::RunQuen("reg " + args, ""); }
+  Outcome quenReg(std::string const& args) const { return quentest::RunQuen("reg " + storeOption + args, ""); }
+
+  std::string storeOption;  // "--store LOCATION " when a test runs on etcd
 };
 
 }  // namespace
@@ -120,4 +123,25 @@ TEST_F(QuenReg, BadInputFailsWithAMessage) {
   Outcome help = quenReg("--help");
   EXPECT_EQ(help.status, 0);
   EXPECT_EQ(help.out.rfind("Usage:\n  quen reg query", 0), 0u);
+}
+
+TEST_F(QuenReg, StorePrintsTheStoreInForce) {
+  std::string const endpointsDir = dir + "/with-endpoints";
+  fs::create_directories(endpointsDir);
+  quentest::WriteFile(endpointsDir + "/etcd-endpoints", "etcd://10.0.0.5:2379,10.0.0.6:2379\n");
+  struct {
+    std::string env, args, out;
+  } const rows[] = {
+      {"", "store", "sqlite\n"},
+      {"QUENLIB_REGISTRY_ETCD=http://127.0.0.1:2379,http://10.0.0.6:2379", "store", "etcd://127.0.0.1:2379,10.0.0.6:2379\n"},
+      {"QUENLIB_REGISTRY_ETCD=127.0.0.1:2379", "--store sqlite store", "sqlite\n"},
+      {"", "--store=etcd://127.0.0.1:2379 store", "etcd://127.0.0.1:2379\n"},
+      {"QUENLIB_REGISTRY_DIR=" + endpointsDir, "store", "etcd://10.0.0.5:2379,10.0.0.6:2379\n"},
+      {"QUENLIB_REGISTRY_DIR=" + endpointsDir, "--store sqlite store", "sqlite\n"},
+  };
+  for (auto const& r : rows) {
+    Outcome run = quentest::RunQuen("reg " + r.args, r.env);
+    EXPECT_EQ(run.status, 0) << r.env << " " << r.args;
+    EXPECT_EQ(run.out, r.out) << r.env << " " << r.args;
+  }
 }
