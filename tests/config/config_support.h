@@ -6,7 +6,10 @@
 #include <quenlib/regapi.h>
 #include <quenlib/sstring.h>
 
+#include "etcd_support.h"
 #include "text/text_support.h"
+
+#include <memory>
 
 namespace quentest {
 
@@ -54,6 +57,61 @@ class StoreTest : public ::testing::Test {
 
  private:
   TempDir scratch_;
+};
+
+enum class StoreKind { Sqlite, Etcd };
+
+inline std::string storeName(::testing::TestParamInfo<StoreKind> const& info) {
+  return info.param == StoreKind::Sqlite ? "Sqlite" : "Etcd";
+}
+
+// One etcd member for the whole test program, started by the first test
+// that needs it; null (with the reason in `why`) when it cannot start.
+inline EtcdCluster* sharedEtcd(std::string& why) {
+  static std::unique_ptr<EtcdCluster> etcd;
+  static std::string error;
+  if (!etcd && error.empty()) {
+    auto started = std::make_unique<EtcdCluster>(1);
+    if (started->start()) etcd = std::move(started);
+    else error = started->error();
+  }
+  why = error;
+  return etcd.get();
+}
+
+// Points the predefined roots at a fresh etcd prefix of a cluster.
+inline void useEtcd(std::string const& endpoints) {
+  static int serial = 0;
+  std::string prefix = "/t" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
+  ::setenv("QUENLIB_REGISTRY_ETCD", endpoints.c_str(), 1);
+  ::setenv("QUENLIB_REGISTRY_ETCD_PREFIX", prefix.c_str(), 1);
+}
+
+inline void unsetEtcd() {
+  for (char const* name : {"QUENLIB_REGISTRY_ETCD", "QUENLIB_REGISTRY_ETCD_PREFIX", "QUENLIB_REGISTRY_ETCD_MACHINE"})
+    ::unsetenv(name);
+}
+
+// A store test run against each store in turn: SQLite in a scratch
+// directory, etcd under a prefix of its own (skipped only when etcd is not
+// installed).
+class StoreParamTest : public StoreTest, public ::testing::WithParamInterface<StoreKind> {
+ protected:
+  void SetUp() override {
+    StoreTest::SetUp();
+    unsetEtcd();
+    if (GetParam() != StoreKind::Etcd) return;
+    if (EtcdCluster::program().empty()) GTEST_SKIP() << "etcd is not installed (Debian etcd-server)";
+    std::string why;
+    EtcdCluster* etcd = sharedEtcd(why);
+    ASSERT_NE(etcd, nullptr) << why;
+    useEtcd(etcd->endpoints());
+  }
+  void TearDown() override {
+    unsetEtcd();
+    StoreTest::TearDown();
+  }
+  bool onEtcd() const { return GetParam() == StoreKind::Etcd; }
 };
 
 }  // namespace quentest

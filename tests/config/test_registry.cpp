@@ -12,14 +12,20 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class RegistryTest : public quentest::StoreTest {
+// On either fixture: every store (parameterised) or SQLite's own files.
+template <class Base>
+class RegistryT : public Base {
  protected:
   static bool rawType(HKEY root, char const* path, char const* name, DWORD& type) {
     return rawGet(root, path, name, &type).rfind('<', 0) != 0;
   }
   quentest::AssertLog log;
   std::vector<quentest::AssertLog::Seen>& seen = log.seen;
+  using Base::rawGet;
 };
+
+using RegistryTest = RegistryT<quentest::StoreParamTest>;
+using RegistryFiles = RegistryT<quentest::StoreTest>;
 
 using quentest::str;
 
@@ -27,7 +33,10 @@ Registry reg(char const* path, HKEY root = HKEY_CURRENT_USER) { return Registry(
 
 }  // namespace
 
-TEST_F(RegistryTest, ReadsEachTypeAsText) {
+INSTANTIATE_TEST_SUITE_P(Stores, RegistryTest,
+                         ::testing::Values(quentest::StoreKind::Sqlite, quentest::StoreKind::Etcd), quentest::storeName);
+
+TEST_P(RegistryTest, ReadsEachTypeAsText) {
   setenv("QL_REG_TEST_HOME", "/home/tester", 1);
   rawSet(HKEY_CURRENT_USER, "Types", "sz", REG_SZ, std::string("text\0", 5));
   rawSet(HKEY_CURRENT_USER, "Types", "dw", REG_DWORD, std::string("\xff\xff\xff\xff", 4));
@@ -62,7 +71,7 @@ TEST_F(RegistryTest, ReadsEachTypeAsText) {
   EXPECT_TRUE(seen.empty());
 }
 
-TEST_F(RegistryTest, DefaultsAreWrittenBack) {
+TEST_P(RegistryTest, DefaultsAreWrittenBack) {
   Registry r = reg("Software\\Defaults");
   EXPECT_EQ(str(r.ReadValue("text", SAnsiString("fallback"))), "fallback");
   DWORD type = 0;
@@ -84,7 +93,7 @@ TEST_F(RegistryTest, DefaultsAreWrittenBack) {
   EXPECT_TRUE(seen.empty());
 }
 
-TEST_F(RegistryTest, DefaultIsNotReturnedWhenItCannotBeStored) {
+TEST_F(RegistryFiles, DefaultIsNotReturnedWhenItCannotBeStored) {
   Registry seed = reg("Software\\Locked", HKEY_LOCAL_MACHINE);
   ASSERT_TRUE(seed.WriteValue("present", SAnsiString("yes")));
   ASSERT_EQ(chmod((dir + "/machine.db").c_str(), 0444), 0);
@@ -100,7 +109,7 @@ TEST_F(RegistryTest, DefaultIsNotReturnedWhenItCannotBeStored) {
   chmod((dir + "/machine.db").c_str(), 0644);
 }
 
-TEST_F(RegistryTest, DeleteValueAndKeys) {
+TEST_P(RegistryTest, DeleteValueAndKeys) {
   Registry parent = reg("Software\\Del");
   Registry child = reg("Software\\Del\\Child");
   ASSERT_TRUE(parent.WriteValue("v", SAnsiString("x")));
@@ -120,7 +129,7 @@ TEST_F(RegistryTest, DeleteValueAndKeys) {
   EXPECT_FALSE(reg("Software\\Del").KeyExists());
 }
 
-TEST_F(RegistryTest, ValueIteratorTextRules) {
+TEST_P(RegistryTest, ValueIteratorTextRules) {
   setenv("QL_REG_TEST_X", "ex", 1);
   Registry r = reg("Vals");
   ASSERT_TRUE(r.WriteValue("first", SAnsiString("one")));
@@ -151,7 +160,7 @@ TEST_F(RegistryTest, ValueIteratorTextRules) {
   EXPECT_FALSE(reg("Vals\\None").EnumValues());
 }
 
-TEST_F(RegistryTest, UserValuesFallBackToLegacyRootsAndMigrateOnce) {
+TEST_P(RegistryTest, UserValuesFallBackToLegacyRootsAndMigrateOnce) {
   rawSet(HKEY_CURRENT_USER, "Brackwell Software", "Lang", REG_SZ, std::string("de\0", 3));
   rawSet(HKEY_CURRENT_USER, "Software\\Tolvane", "Lang", REG_SZ, std::string("fr\0", 3));
   rawSet(HKEY_CURRENT_USER, "Software\\Lumaris Software", "Size", REG_DWORD, std::string("\x10\0\0\0", 4));
@@ -181,7 +190,7 @@ TEST_F(RegistryTest, UserValuesFallBackToLegacyRootsAndMigrateOnce) {
   EXPECT_EQ(str(reg("Software\\Orrin Tolvane\\Suite KR 4.0\\Shared\\Tool").ReadValue("Color")), "red");
 }
 
-TEST_F(RegistryTest, ServerInstancesAndODBCFallbacks) {
+TEST_P(RegistryTest, ServerInstancesAndODBCFallbacks) {
   APSRegistry server;
   ASSERT_TRUE(server.WriteValue(APSRegistry::REG_THREADPOOL_SIZE, 8u));
   APSRegistry inst("Main");

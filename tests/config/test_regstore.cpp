@@ -13,11 +13,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class RegStore : public quentest::StoreTest {
+// The helpers, on either fixture: every store (parameterised) or SQLite's
+// own files.
+template <class Base>
+class RegStoreT : public Base {
  protected:
   void TearDown() override {
     for (HKEY k : opened) RegCloseKey(k);
-    StoreTest::TearDown();
+    Base::TearDown();
   }
 
   HKEY create(char const* path, HKEY root = HKEY_CURRENT_USER, REGSAM access = KEY_ALL_ACCESS) {
@@ -52,9 +55,15 @@ class RegStore : public quentest::StoreTest {
   std::vector<HKEY> opened;
 };
 
+using RegStore = RegStoreT<quentest::StoreParamTest>;
+using RegStoreFiles = RegStoreT<quentest::StoreTest>;
+
 }  // namespace
 
-TEST_F(RegStore, CreateSetQueryRoundTripForEveryType) {
+INSTANTIATE_TEST_SUITE_P(Stores, RegStore, ::testing::Values(quentest::StoreKind::Sqlite, quentest::StoreKind::Etcd),
+                         quentest::storeName);
+
+TEST_P(RegStore, CreateSetQueryRoundTripForEveryType) {
   HKEY k = create("Software\\Test");
   ASSERT_NE(k, nullptr);
   uint64_t q = 0x1122334455667788ULL;
@@ -91,7 +100,7 @@ TEST_F(RegStore, CreateSetQueryRoundTripForEveryType) {
   }
 }
 
-TEST_F(RegStore, SizeQueryAndMoreData) {
+TEST_P(RegStore, SizeQueryAndMoreData) {
   HKEY k = create("Sizes");
   ASSERT_EQ(setText(k, "v", "0123456789"), ERROR_SUCCESS);
   DWORD size = 0, type = 0;
@@ -112,7 +121,7 @@ TEST_F(RegStore, SizeQueryAndMoreData) {
             ERROR_INVALID_PARAMETER);
 }
 
-TEST_F(RegStore, EnumerationOrderAndEnd) {
+TEST_P(RegStore, EnumerationOrderAndEnd) {
   HKEY k = create("Enum");
   for (char const* sub : {"beta", "Alpha", "gamma"}) {
     HKEY c = nullptr;
@@ -158,7 +167,7 @@ TEST_F(RegStore, EnumerationOrderAndEnd) {
   EXPECT_EQ(nValues, 3u);
 }
 
-TEST_F(RegStore, DeleteKeyRulesAndDeleteValue) {
+TEST_P(RegStore, DeleteKeyRulesAndDeleteValue) {
   HKEY parent = create("Del\\Parent\\Child");
   ASSERT_NE(parent, nullptr);
   HKEY del = nullptr;
@@ -183,7 +192,7 @@ TEST_F(RegStore, DeleteKeyRulesAndDeleteValue) {
             ERROR_KEY_DELETED);
 }
 
-TEST_F(RegStore, AccessRightsOfHandles) {
+TEST_P(RegStore, AccessRightsOfHandles) {
   create("Rights");
   HKEY ro = nullptr, wo = nullptr, en = nullptr;
   ASSERT_EQ(open("Rights", KEY_READ, ro), ERROR_SUCCESS);
@@ -204,7 +213,7 @@ TEST_F(RegStore, AccessRightsOfHandles) {
             ERROR_ACCESS_DENIED);
 }
 
-TEST_F(RegStore, StoreFilesAndModes) {
+TEST_F(RegStoreFiles, StoreFilesAndModes) {
   EXPECT_EQ(RegStorePath(HKEY_LOCAL_MACHINE), dir + "/machine.db");
   EXPECT_EQ(RegStorePath(HKEY_CURRENT_USER), dir + "/user.db");
   EXPECT_EQ(RegStorePath(HKEY_USERS), dir + "/users.db");
@@ -234,7 +243,7 @@ TEST_F(RegStore, StoreFilesAndModes) {
   EXPECT_TRUE(fs::exists(nested + "/machine.db"));
 }
 
-TEST_F(RegStore, RemoteConnection) {
+TEST_F(RegStoreFiles, RemoteConnection) {
   HKEY remote = nullptr;
   EXPECT_EQ(RegConnectRegistryA("\\\\host", HKEY_LOCAL_MACHINE, &remote), ERROR_BAD_NETPATH);
   std::string remoteDir = dir + "/remote";
