@@ -9,12 +9,17 @@
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 #include <openssl/evp.h>
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -97,6 +102,58 @@ class RawEtcd {
   std::string reply_;
 };
 
+// ------------------------------------------------------------ no watch
+
+// An endpoint listed before the real member that keeps the store's cache
+// from going live. The store reads from the cluster while its watch does
+// not run, and tries its endpoints in order: this one holds a watch
+// request open without answering (the watch never starts), and drops
+// every other request unanswered, so the store sends those to the next
+// endpoint, the real member, and keeps using it.
+class WatchSink {
+ public:
+  WatchSink() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd_, 16) != 0 ||
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+      return;
+    port_ = ntohs(a.sin_port);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~WatchSink() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+    for (int fd : held_) ::close(fd);
+    ::close(fd_);
+  }
+  WatchSink(WatchSink const&) = delete;
+  WatchSink& operator=(WatchSink const&) = delete;
+  int port() const { return port_; }
+
+ private:
+  void serve() {
+    while (!stop_) {
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, 100) <= 0) continue;
+      int c = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (c < 0) continue;
+      char head[256] = {};
+      pollfd q{c, POLLIN, 0};
+      ssize_t n = ::poll(&q, 1, 1000) > 0 ? ::recv(c, head, sizeof head - 1, 0) : 0;
+      if (n > 0 && std::strstr(head, "/v3/watch")) held_.push_back(c);
+      else ::close(c);
+    }
+  }
+  int fd_ = -1, port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+  std::vector<int> held_;
+};
+
 // ------------------------------------------------------------ set-up
 
 HKEY openKey(char const* store, char const* path) {
@@ -119,8 +176,6 @@ bool regGet(HKEY k, char const* name, std::string& out) {
   out.assign(buf, size ? size - 1 : 0);
   return true;
 }
-
-}  // namespace
 
 // ------------------------------------------------------------ watch delay
 
@@ -226,10 +281,12 @@ using nlohmann::json;
 // directory for the SQLite store, one open key in each store holding the
 // same value, and the raw requests the etcd store sends for it.
 struct Setup {
-  std::unique_ptr<quentest::EtcdServer> etcd;
+  std::unique_ptr<quentest::EtcdCluster> etcd;
   std::string skip;  // why the etcd cases cannot run
   std::string location, endpoint, scratch;
   HKEY sqliteKey = nullptr, etcdKey = nullptr;
+  WatchSink sink;
+  HKEY uncachedKey = nullptr;  // the same key through a store whose watch never starts
   std::string rangeBody, txnReadBody, putBody;
   // The store's write: a transaction guarded by the value's mod revision
   // and the key's create revision; the mod revision goes between the parts.
@@ -243,12 +300,12 @@ struct Setup {
     ::setenv("QUENLIB_REGISTRY_ETCD_MACHINE", kMachine, 1);
     sqliteKey = openKey("sqlite", kKeyPath);
     regPut(sqliteKey, kValueName, kText);
-    etcd = std::make_unique<quentest::EtcdServer>();
-    if (!etcd->started()) {
-      skip = etcd->whyNot();
+    etcd = std::make_unique<quentest::EtcdCluster>(1);
+    if (!etcd->start()) {
+      skip = etcd->error();
       return;
     }
-    endpoint = etcd->endpoint();
+    endpoint = etcd->url(0);
     location = "etcd://" + endpoint.substr(std::strlen("http://"));
     etcdKey = openKey(location.c_str(), kKeyPath);
     if (!etcdKey || !regPut(etcdKey, kValueName, kText)) {
@@ -281,8 +338,14 @@ struct Setup {
     txnWriteHead = txn.substr(0, at + 1);
     txnWriteTail = txn.substr(at + 2);
     waitForCache(etcdKey);
+    std::string const noWatch = "etcd://127.0.0.1:" + std::to_string(sink.port()) + "," + location.substr(7);
+    uncachedKey = openKey(noWatch.c_str(), kKeyPath);
+    std::string out;
+    if (!uncachedKey || !regGet(uncachedKey, kValueName, out) || out != kText)
+      skip = "cannot read through " + noWatch;
   }
   ~Setup() {
+    RegCloseKey(uncachedKey);
     RegCloseKey(etcdKey);
     RegCloseKey(sqliteKey);
     etcd.reset();
@@ -339,6 +402,21 @@ void BM_CachedRead_EtcdStore(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_CachedRead_EtcdStore);
+
+// A read the cache cannot serve (its watch never starts; see WatchSink):
+// the store sends one request per read.
+void BM_UncachedRead_EtcdStore(benchmark::State& state) {
+  if (skipWithoutEtcd(state)) return;
+  HKEY k = setup().uncachedKey;
+  std::string out;
+  int64_t const start = nowNs();
+  for (auto _ : state)
+    if (!regGet(k, kValueName, out)) state.SkipWithError("read failed");
+  // Served by a cache, a read would cost well under 10 us.
+  if (state.iterations() && (nowNs() - start) / static_cast<int64_t>(state.iterations()) < 10'000)
+    state.SkipWithError("the reads were served by a cache");
+}
+BENCHMARK(BM_UncachedRead_EtcdStore)->UseRealTime();
 
 // The peer of an uncached read: the request the store sends for it (one
 // transaction of two ranges: the key's record and the value's).
