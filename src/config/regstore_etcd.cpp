@@ -46,6 +46,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -258,14 +259,15 @@ class EtcdStore : public regstore::Store {
   LONG counts(KeyRef const& key, DWORD& subKeys, DWORD& values) override;
   LONG openToEverybody(KeyRef const& key, BOOL& isOpen) override;
 
-  // Fork: the watch thread stays behind in the parent.
+  // Fork: the watch thread stays behind in the parent. A reader-writer
+  // lock cannot be unlocked by the child (its owner is the parent's
+  // thread), so the child starts with a new one.
   void lockForFork() { cacheMu_.lock(); }
   void unlockAfterFork(bool child) {
-    if (child) {
-      live_ = false;
-      watching_ = false;
-    }
-    cacheMu_.unlock();
+    if (!child) return cacheMu_.unlock();
+    live_ = false;
+    watching_ = false;
+    new (&cacheMu_) std::shared_mutex;
   }
 
  private:
@@ -323,11 +325,12 @@ class Cluster {
   // POSTs `body` to `path` on the first endpoint that takes a connection.
   // ERROR_REGISTRY_IO_FAILED (with one trace line) when none answers 200
   // within the time-out.
-  LONG post(char const* path, std::string const& body, std::string& reply) {
-    if (urls_.empty()) return fail("no endpoints");
+  // The watch thread passes quiet: its failures are nobody's call.
+  LONG post(char const* path, std::string const& body, std::string& reply, bool quiet = false) {
+    if (urls_.empty()) return fail("no endpoints", quiet);
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs_);
     CURL* h = take();
-    if (!h) return fail("out of memory");
+    if (!h) return fail("out of memory", quiet);
     std::string why = "no endpoint answered";
     size_t const first = preferred_.load();
     for (size_t i = 0; i < urls_.size(); ++i) {
@@ -346,7 +349,7 @@ class Cluster {
       if (rc == CURLE_OK || !connectionFailed(rc)) break;
     }
     give(h);
-    return fail(why);
+    return fail(why, quiet);
   }
 
   void lockForFork() { mu_.lock(); }
@@ -385,8 +388,8 @@ class Cluster {
     return rc;
   }
 
-  LONG fail(std::string const& why) const {
-    QL_TRACE_ERROR("registry: etcd request failed (%s): %s", joinedUrls(), why);
+  LONG fail(std::string const& why, bool quiet) const {
+    if (!quiet) QL_TRACE_ERROR("registry: etcd request failed (%s): %s", joinedUrls(), why);
     return ERROR_REGISTRY_IO_FAILED;
   }
 
@@ -803,7 +806,7 @@ void EtcdStore::startWatch() {
 bool EtcdStore::refill() {
   std::string reply;
   json body{{"key", keyJson(base_)}, {"range_end", keyJson(prefixEnd(base_))}};
-  if (cluster_->post("/v3/kv/range", body.dump(), reply) != ERROR_SUCCESS) return false;
+  if (cluster_->post("/v3/kv/range", body.dump(), reply, true) != ERROR_SUCCESS) return false;
   etcd::RangeReply range;
   if (!etcd::parseRange(reply, range)) return false;
   Mirror fresh;
@@ -998,6 +1001,19 @@ std::string machinePrefix(EtcdConfig const& cfg, std::string_view machine) {
   return cfg.prefix + "/m/" + std::string(machine) + "/";
 }
 
+std::string clusterKey(EtcdConfig const& cfg) {
+  std::string key = std::to_string(cfg.timeoutMs) + ' ';
+  for (auto const& u : cfg.urls) key += u + ',';
+  return key;
+}
+
+// Called with the table's lock held.
+std::shared_ptr<Cluster> const& clusterFor(Stores& s, EtcdConfig const& cfg) {
+  auto& cluster = s.clusters[clusterKey(cfg)];
+  if (!cluster) cluster = std::make_shared<Cluster>(cfg.urls, cfg.timeoutMs);
+  return cluster;
+}
+
 Store* storeAt(EtcdConfig const& cfg, std::string base) {
   static std::once_flag once;
   std::call_once(once, [] {
@@ -1005,13 +1021,15 @@ Store* storeAt(EtcdConfig const& cfg, std::string base) {
   });
   Stores& s = stores();
   std::lock_guard<std::mutex> lock(s.mu);
-  std::string clusterKey = std::to_string(cfg.timeoutMs) + ' ';
-  for (auto const& u : cfg.urls) clusterKey += u + ',';
-  auto& cluster = s.clusters[clusterKey];
-  if (!cluster) cluster = std::make_shared<Cluster>(cfg.urls, cfg.timeoutMs);
-  auto& slot = s.stores[clusterKey + base];
-  if (!slot) slot = std::make_unique<EtcdStore>(cluster, std::move(base));
+  auto& slot = s.stores[clusterKey(cfg) + base];
+  if (!slot) slot = std::make_unique<EtcdStore>(clusterFor(s, cfg), std::move(base));
   return slot.get();
+}
+
+std::shared_ptr<Cluster> sharedCluster(EtcdConfig const& cfg) {
+  Stores& s = stores();
+  std::lock_guard<std::mutex> lock(s.mu);
+  return clusterFor(s, cfg);
 }
 
 bool goodMachineName(std::string_view name) {
@@ -1036,9 +1054,8 @@ LONG etcdConnect(RootKind kind, std::string_view machine, EtcdConfig const& cfg,
   std::string const prefix = machinePrefix(cfg, machine);
   json body{{"key", keyJson(prefix)}, {"range_end", keyJson(prefixEnd(prefix))}};
   body["count_only"] = true;
-  Cluster probe(cfg.urls, cfg.timeoutMs);
   std::string reply;
-  LONG rc = probe.post("/v3/kv/range", body.dump(), reply);
+  LONG rc = sharedCluster(cfg)->post("/v3/kv/range", body.dump(), reply);
   if (rc != ERROR_SUCCESS) return rc;
   etcd::RangeReply range;
   if (!etcd::parseRange(reply, range)) return ERROR_REGISTRY_IO_FAILED;
