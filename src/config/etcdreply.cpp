@@ -68,7 +68,8 @@ bool readRange(json const& j, RangeReply& out) {
 bool readEvent(json const& j, WatchEvent& ev) {
   if (!j.is_object()) return false;
   auto type = j.find("type");
-  ev.deleted = type != j.end() && type->is_string() && type->get_ref<std::string const&>() == "DELETE";
+  ev.deleted =
+      type != j.end() && type->is_string() && type->get_ref<std::string const&>() == "DELETE";
   auto kv = j.find("kv");
   return kv != j.end() && readKv(*kv, ev.kv);
 }
@@ -97,25 +98,33 @@ size_t objectLength(std::string_view s, size_t start) {
   for (size_t i = start; i < s.size(); ++i) {
     char const c = s[i];
     if (inString) {
-      if (c == '\\') ++i;
-      else if (c == '"') inString = false;
+      if (c == '\\')
+        ++i;
+      else if (c == '"')
+        inString = false;
       continue;
     }
-    if (c == '"') inString = true;
-    else if (c == '{') ++depth;
-    else if (c == '}' && --depth == 0) return i + 1 - start;
+    if (c == '"')
+      inString = true;
+    else if (c == '{')
+      ++depth;
+    else if (c == '}' && --depth == 0)
+      return i + 1 - start;
   }
   return 0;
 }
 
-bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
+bool isBlank(char c) {
+  return c == ' ' || c == '\n' || c == '\r' || c == '\t';
+}
 
 }  // namespace
 
 std::string base64Encode(std::string_view bytes) {
   std::string out(4 * ((bytes.size() + 2) / 3), '\0');
   int const n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                reinterpret_cast<unsigned char const*>(bytes.data()), static_cast<int>(bytes.size()));
+                                reinterpret_cast<unsigned char const*>(bytes.data()),
+                                static_cast<int>(bytes.size()));
   out.resize(static_cast<size_t>(n));
   return out;
 }
@@ -126,7 +135,8 @@ bool base64Decode(std::string_view text, std::string& bytes) {
   if (text.empty()) return true;
   bytes.resize(text.size() / 4 * 3);
   int const n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
-                                reinterpret_cast<unsigned char const*>(text.data()), static_cast<int>(text.size()));
+                                reinterpret_cast<unsigned char const*>(text.data()),
+                                static_cast<int>(text.size()));
   if (n < 0) return false;
   // The block decoder counts the bytes the padding stands for.
   size_t pad = text.back() == '=' ? (text[text.size() - 2] == '=' ? 2 : 1) : 0;

@@ -57,6 +57,7 @@ QUENLIB_API bool parseRevision(std::string_view body, int64_t& revision);
 // Takes the complete messages off the front of a watch stream and returns
 // the bytes they used; what follows is an incomplete message. `bad` is set
 // when the stream holds something that is not a watch message.
-QUENLIB_API size_t takeWatchMessages(std::string_view stream, std::vector<WatchMessage>& out, bool& bad);
+QUENLIB_API size_t takeWatchMessages(std::string_view stream, std::vector<WatchMessage>& out,
+                                     bool& bad);
 
 }  // namespace QuenLibA500::etcd

@@ -492,6 +492,43 @@ LONG RegQueryKeyOpenToEverybody(HKEY key, BOOL* open) {
   return ref.store->openToEverybody(ref, *open);
 }
 
+namespace regstore {
+
+LONG regWriteTree(HKEY root, std::vector<TreeValue> const& values) {
+  KeyRef ref;
+  LONG rc = resolve(root, ref);
+  if (rc != ERROR_SUCCESS) return rc;
+  if (!hasRights(ref, KEY_CREATE_SUB_KEY | KEY_SET_VALUE)) return ERROR_ACCESS_DENIED;
+  std::vector<std::string_view> parts;
+  for (auto const& v : values) {
+    rc = splitPath(v.keyPath.c_str(), parts);
+    if (rc != ERROR_SUCCESS) return rc;
+    if (v.name.size() > kMaxValueNameLength) return ERROR_INVALID_PARAMETER;
+    if ((v.type == REG_DWORD && v.data.size() != 4) || (v.type == REG_QWORD && v.data.size() != 8))
+      return ERROR_INVALID_PARAMETER;
+    if (isStringType(v.type) && (v.data.empty() || v.data.back() != '\0')) return ERROR_INVALID_PARAMETER;
+  }
+  return ref.store->writeTree(ref, values);
+}
+
+LONG regDeleteTree(HKEY root, char const* subKey, bool self) {
+  KeyRef ref;
+  LONG rc = resolve(root, ref);
+  if (rc != ERROR_SUCCESS) return rc;
+  std::vector<std::string_view> parts;
+  rc = splitPath(subKey, parts);
+  if (rc != ERROR_SUCCESS) return rc;
+  if (parts.empty() && self) return ERROR_ACCESS_DENIED;  // never the root or the handle's own key
+  return ref.store->deleteTree(ref, foldedPath(*ref.pathFold, parts), self);
+}
+
+bool regWritesTrees(HKEY root) {
+  KeyRef ref;
+  return resolve(root, ref) == ERROR_SUCCESS && ref.store->writeTree(ref, {}) != kStepByStep;
+}
+
+}  // namespace regstore
+
 DWORD ExpandEnvironmentStringsA(LPCSTR src, LPSTR dst, DWORD size) {
   if (!src) return 0;
   SAnsiString const out = SEnvironment::expand(src);

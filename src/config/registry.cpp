@@ -3,12 +3,14 @@
 #include <quenlib/registry.h>
 
 #include <charconv>
+#include <functional>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string>
 #include <vector>
 
+#include "config/regstore.h"
 #include "diagnostics/assert.h"
 
 namespace QuenLibA500 {
@@ -433,6 +435,16 @@ bool Registry::DeleteKey() {
 }
 
 bool Registry::DeleteKeyRecursive(bool deleteSelf) {
+  // A store that deletes a tree in one step (etcd) does; others go key by key.
+  LONG const once = regstore::regDeleteTree(m_root, m_subKey.getString(), deleteSelf);
+  if (once == ERROR_SUCCESS) {
+    if (deleteSelf) dropReadKey();
+    return true;
+  }
+  if (once != regstore::kStepByStep) {
+    QL_REPORT("FALSE", "DeleteKeyRecursive: Could not delete subkey recursively");
+    return false;
+  }
   if (KeyExists()) {
     std::vector<SAnsiString> names;
     for (KeyIterator it = EnumSubKeys(); it; ++it) names.push_back(it.GetKey());
@@ -461,6 +473,31 @@ bool Registry::CopyValue(HKEY const& srcRoot, SAnsiString const& srcKey, SAnsiSt
 
 bool Registry::CopyKey(HKEY const& srcRoot, SAnsiString const& srcKey, HKEY const& dstRoot,
                        SAnsiString const& dstKey) {
+  if (regstore::regWritesTrees(dstRoot)) {
+    // Read the whole tree as CopyValue would copy it, then write it in
+    // transactions.
+    std::vector<regstore::TreeValue> tree;
+    std::function<void(SAnsiString const&, SAnsiString const&)> collect = [&](SAnsiString const& from,
+                                                                              SAnsiString const& to) {
+      Registry src(from, SAnsiStringCI(), srcRoot);
+      for (ValueIterator it = src.EnumValues(); it; ++it) {
+        DWORD type = REG_NONE, number = 0;
+        SAnsiString text = src.readTyped(it.GetName(), type);
+        bool const isNumber = type == REG_DWORD && parseDword(text, number);
+        std::string data = isNumber ? std::string(reinterpret_cast<char const*>(&number), sizeof number)
+                                    : std::string(text.getString(), text.getLength() + 1);
+        tree.push_back({to.getString(), it.GetName().getString(), isNumber ? REG_DWORD : REG_SZ, data, isNumber});
+      }
+      std::vector<SAnsiString> subs;
+      for (KeyIterator it = src.EnumSubKeys(); it; ++it) subs.push_back(it.GetKey());
+      for (auto const& sub : subs) collect(joinKey(from, sub), joinKey(to, sub));
+    };
+    collect(srcKey, dstKey);
+    LONG rc = regstore::regWriteTree(dstRoot, tree);
+    if (rc == ERROR_SUCCESS) return true;
+    QL_REPORT("FALSE", failedText("RegSetValueEx", dstKey, rc).c_str());
+    return false;
+  }
   Registry src(srcKey, SAnsiStringCI(), srcRoot);
   for (ValueIterator it = src.EnumValues(); it; ++it)
     if (!CopyValue(srcRoot, srcKey, it.GetName(), dstRoot, dstKey, it.GetName())) return false;

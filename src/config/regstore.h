@@ -78,6 +78,21 @@ struct ValueOut {
   DWORD* size;
 };
 
+// One value of a tree written at once (CopyKey): the key's path below the
+// root handle (as RegCreateKeyExA takes it), the value, and whether a key
+// created for it is open to everybody.
+struct TreeValue {
+  std::string keyPath;
+  std::string name;
+  DWORD type;
+  std::string data;  // strings carry their terminating null
+  bool openToAll;
+};
+
+// A store that cannot do a tree operation in one step says so; the caller
+// then goes key by key.
+inline constexpr LONG kStepByStep = 120;  // the classic "not implemented"
+
 // One store: a tree of keys for one root. Access rights of the handle are
 // checked by the caller; a store checks what only it knows (file
 // permissions, a key deleted under a handle, a cluster out of reach).
@@ -87,17 +102,18 @@ class Store {
 
   // The key at `pathFold` (reached from `base`, `reached` components
   // below it); its id on success.
-  virtual LONG openKey(KeyRef const& base, size_t reached, std::string const& pathFold, REGSAM access,
-                       int64_t& id) = 0;
+  virtual LONG openKey(KeyRef const& base, size_t reached, std::string const& pathFold,
+                       REGSAM access, int64_t& id) = 0;
   // Opens or creates the key at `pathFold` and its missing parents; the
   // last one created gets the open-to-everybody mark when asked.
   virtual LONG createKey(KeyRef const& base, std::vector<std::string_view> const& parts,
-                         std::string const& pathFold, bool openToAll, int64_t& id, bool& created) = 0;
+                         std::string const& pathFold, bool openToAll, int64_t& id,
+                         bool& created) = 0;
   virtual LONG queryValue(KeyRef const& key, std::string const& nameFold, DWORD* type, BYTE* data,
                           DWORD* size) = 0;
   // `bytes` already carries a string's terminating null.
-  virtual LONG setValue(KeyRef const& key, std::string_view name, std::string const& nameFold, DWORD type,
-                        std::string const& bytes) = 0;
+  virtual LONG setValue(KeyRef const& key, std::string_view name, std::string const& nameFold,
+                        DWORD type, std::string const& bytes) = 0;
   virtual LONG deleteValue(KeyRef const& key, std::string const& nameFold) = 0;
   // Deletes the key at `pathFold` (never the root) unless it has sub-keys.
   virtual LONG deleteKey(KeyRef const& base, std::string const& pathFold) = 0;
@@ -105,7 +121,20 @@ class Store {
   virtual LONG enumValue(KeyRef const& key, DWORD index, ValueOut const& out) = 0;
   virtual LONG counts(KeyRef const& key, DWORD& subKeys, DWORD& values) = 0;
   virtual LONG openToEverybody(KeyRef const& key, BOOL& open) = 0;
+  // Writes the values, creating missing keys as RegCreateKeyExA would, in
+  // as few transactions as the store allows.
+  virtual LONG writeTree(KeyRef const&, std::vector<TreeValue> const&) { return kStepByStep; }
+  // Deletes everything below the key at `pathFold`, and the key itself
+  // when `self`, in one step.
+  virtual LONG deleteTree(KeyRef const&, std::string const&, bool) { return kStepByStep; }
 };
+
+// For the Registry classes: the tree operations on a root or a handle.
+// kStepByStep where the store has none.
+LONG regWriteTree(HKEY root, std::vector<TreeValue> const& values);
+LONG regDeleteTree(HKEY root, char const* subKey, bool self);
+// Whether the store of `root` writes trees in one step.
+bool regWritesTrees(HKEY root);
 
 // Where the etcd store of a root lives: the cluster's endpoints
 // ("http://HOST:PORT"), the time-out of a whole request, the key prefix and

@@ -65,7 +65,6 @@ using nlohmann::json;
 
 namespace {
 
-constexpr int64_t kRootId = 1;
 constexpr int kAttempts = 8;
 constexpr size_t kOpsPerTxn = 64;  // etcd allows 128 operations per transaction by default
 constexpr auto kIdleWatch = std::chrono::seconds(30);
@@ -78,9 +77,12 @@ std::string relKey(std::string_view pathFold) {
   r.reserve(pathFold.size() + 1);
   r.push_back('\1');
   for (char c : pathFold) {
-    if (c == '\\') r.push_back('\1');
-    else if (c == '\1' || c == '\2') r.append({'\2', c});
-    else r.push_back(c);
+    if (c == '\\')
+      r.push_back('\1');
+    else if (c == '\1' || c == '\2')
+      r.append({'\2', c});
+    else
+      r.push_back(c);
   }
   return r;
 }
@@ -93,7 +95,9 @@ std::string valueKey(std::string const& rel, std::string_view nameFold) {
   return r;
 }
 
-bool isValueKey(std::string_view rel) { return rel.find('\0') != std::string_view::npos; }
+bool isValueKey(std::string_view rel) {
+  return rel.find('\0') != std::string_view::npos;
+}
 
 // The first key after every key that starts with `p`.
 std::string prefixEnd(std::string p) {
@@ -124,14 +128,17 @@ struct Entry {
 using Mirror = std::map<std::string, Entry, std::less<>>;
 
 void putName(json& j, std::string const& name) {
-  if (utf::isValidUtf8(reinterpret_cast<unsigned char const*>(name.data()), name.size())) j["name"] = name;
-  else j["name64"] = etcd::base64Encode(name);
+  if (utf::isValidUtf8(reinterpret_cast<unsigned char const*>(name.data()), name.size()))
+    j["name"] = name;
+  else
+    j["name64"] = etcd::base64Encode(name);
 }
 
 std::string getName(json const& j) {
   if (auto it = j.find("name"); it != j.end() && it->is_string()) return it->get<std::string>();
   std::string out;
-  if (auto it = j.find("name64"); it != j.end() && it->is_string()) etcd::base64Decode(it->get<std::string>(), out);
+  if (auto it = j.find("name64"); it != j.end() && it->is_string())
+    etcd::base64Decode(it->get<std::string>(), out);
   return out;
 }
 
@@ -151,7 +158,9 @@ std::string valueRecord(std::string const& name, DWORD type, std::string const& 
   return j.dump();
 }
 
-std::string keyRecord(Entry const& e) { return keyRecord(e.name, e.open, e.mtime); }
+std::string keyRecord(Entry const& e) {
+  return keyRecord(e.name, e.open, e.mtime);
+}
 
 // Decodes a stored record; false for one this library did not write.
 bool decodeRecord(std::string_view rel, std::string_view raw, Entry& e) {
@@ -165,12 +174,15 @@ bool decodeRecord(std::string_view rel, std::string_view raw, Entry& e) {
   }
   e.type = j.value("type", DWORD{0});
   auto data = j.find("data");
-  return data != j.end() && data->is_string() && etcd::base64Decode(data->get<std::string>(), e.data);
+  return data != j.end() && data->is_string() &&
+         etcd::base64Decode(data->get<std::string>(), e.data);
 }
 
 // ------------------------------------------------------------ tree reads
 
-bool startsWith(std::string_view s, std::string_view p) { return s.substr(0, p.size()) == p; }
+bool startsWith(std::string_view s, std::string_view p) {
+  return s.substr(0, p.size()) == p;
+}
 
 Entry const* findEntry(Mirror const& m, std::string_view rel) {
   auto it = m.find(rel);
@@ -200,7 +212,8 @@ std::vector<Entry const*> valuesOf(Mirror const& m, std::string const& rel) {
   std::string const first = rel + '\0';
   for (auto it = m.lower_bound(first); it != m.end() && startsWith(it->first, first); ++it)
     out.push_back(&it->second);
-  std::sort(out.begin(), out.end(), [](Entry const* a, Entry const* b) { return a->createRev < b->createRev; });
+  std::sort(out.begin(), out.end(),
+            [](Entry const* a, Entry const* b) { return a->createRev < b->createRev; });
   return out;
 }
 
@@ -219,9 +232,15 @@ struct Span {
   std::string end;
 };
 
-Span oneKey(std::string rel) { return Span{std::move(rel), {}}; }
-Span children(std::string const& rel) { return Span{rel + '\1', rel + '\2'}; }
-Span valuesSpan(std::string const& rel) { return Span{rel + '\0', rel + '\1'}; }
+Span oneKey(std::string rel) {
+  return Span{std::move(rel), {}};
+}
+Span children(std::string const& rel) {
+  return Span{rel + '\1', rel + '\2'};
+}
+Span valuesSpan(std::string const& rel) {
+  return Span{rel + '\0', rel + '\1'};
+}
 
 struct Compare {
   std::string rel;
@@ -238,16 +257,36 @@ struct Op {
 
 class Cluster;
 
+// The keys and values of a tree write, folded: keys in the order they are
+// first needed (parents first), values with the last data given for them.
+struct TreePlan {
+  struct Key {
+    std::string rel;
+    std::string name;
+    bool open;
+  };
+  struct Value {
+    std::string keyRel;
+    std::string rel;
+    std::string name;
+    DWORD type;
+    std::string data;
+  };
+  std::vector<Key> keys;
+  std::vector<Value> values;
+};
+
 // ---------------------------------------------------------------- store
 
 class EtcdStore : public regstore::Store {
  public:
-  EtcdStore(std::shared_ptr<Cluster> cluster, std::string base) : cluster_(std::move(cluster)), base_(std::move(base)) {}
+  EtcdStore(std::shared_ptr<Cluster> cluster, std::string base)
+      : cluster_(std::move(cluster)), base_(std::move(base)) {}
 
   LONG openKey(KeyRef const& base, size_t reached, std::string const& pathFold, REGSAM access,
                int64_t& id) override;
-  LONG createKey(KeyRef const& base, std::vector<std::string_view> const& parts, std::string const& pathFold,
-                 bool openToAll, int64_t& id, bool& created) override;
+  LONG createKey(KeyRef const& base, std::vector<std::string_view> const& parts,
+                 std::string const& pathFold, bool openToAll, int64_t& id, bool& created) override;
   LONG queryValue(KeyRef const& key, std::string const& nameFold, DWORD* type, BYTE* data,
                   DWORD* size) override;
   LONG setValue(KeyRef const& key, std::string_view name, std::string const& nameFold, DWORD type,
@@ -258,6 +297,8 @@ class EtcdStore : public regstore::Store {
   LONG enumValue(KeyRef const& key, DWORD index, ValueOut const& out) override;
   LONG counts(KeyRef const& key, DWORD& subKeys, DWORD& values) override;
   LONG openToEverybody(KeyRef const& key, BOOL& isOpen) override;
+  LONG writeTree(KeyRef const& root, std::vector<TreeValue> const& values) override;
+  LONG deleteTree(KeyRef const& base, std::string const& pathFold, bool self) override;
 
   // Fork: the watch thread stays behind in the parent. A reader-writer
   // lock cannot be unlocked by the child (its owner is the parent's
@@ -271,12 +312,16 @@ class EtcdStore : public regstore::Store {
   }
 
  private:
-  template <class Read>
-  LONG read(std::vector<Span> const& spans, bool fresh, Read read);
+  // `spans` makes the list of what to fetch when the cache cannot answer.
+  template <class Spans, class Read>
+  LONG read(Spans spans, bool fresh, Read read);
   LONG fetch(std::vector<Span> const& spans, Mirror& out);
-  LONG commit(std::vector<Compare> const& cmps, std::vector<Op> const& ops, bool& succeeded);
-  LONG createMissing(KeyRef const& base, std::vector<std::string_view> const& parts, bool openToAll, bool fresh,
-                     int64_t& id, bool& created, bool& retry);
+  LONG fetchTxn(std::string const& body, Mirror& out);
+  LONG commit(std::vector<Compare> const& cmps, std::vector<Op> const& ops, bool& succeeded,
+              int64_t* revision = nullptr);
+  LONG writeTreeOnce(KeyRef const& root, TreePlan const& plan, bool fresh, bool& retry);
+  LONG createMissing(KeyRef const& base, std::vector<std::string_view> const& parts, bool openToAll,
+                     bool fresh, int64_t& id, bool& created, bool& retry);
   void applyOwn(std::vector<Op> const& ops, int64_t revision);
   bool cacheLive();
   void startWatch();
@@ -315,7 +360,8 @@ std::once_flag curlOnce;
 // time-out of a whole request.
 class Cluster {
  public:
-  Cluster(std::vector<std::string> urls, long timeoutMs) : urls_(std::move(urls)), timeoutMs_(timeoutMs) {
+  Cluster(std::vector<std::string> urls, long timeoutMs)
+      : urls_(std::move(urls)), timeoutMs_(timeoutMs) {
     std::call_once(curlOnce, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
   }
 
@@ -373,8 +419,8 @@ class Cluster {
     return size * n;
   }
 
-  static CURLcode perform(CURL* h, std::string const& url, std::string const& body, std::string& reply, long ms,
-                          long& status) {
+  static CURLcode perform(CURL* h, std::string const& url, std::string const& body,
+                          std::string& reply, long ms, long& status) {
     reply.clear();
     curl_easy_setopt(h, CURLOPT_URL, url.c_str());
     curl_easy_setopt(h, CURLOPT_POSTFIELDS, body.data());
@@ -413,7 +459,8 @@ class Cluster {
     }
     CURL* h = curl_easy_init();
     if (!h) return nullptr;
-    static struct curl_slist* const headers = curl_slist_append(nullptr, "Content-Type: application/json");
+    static struct curl_slist* const headers =
+        curl_slist_append(nullptr, "Content-Type: application/json");
     curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(h, CURLOPT_TCP_NODELAY, 1L);
@@ -432,7 +479,9 @@ class Cluster {
   std::vector<std::pair<pid_t, CURL*>> pool_;
 };
 
-json keyJson(std::string const& key) { return etcd::base64Encode(key); }
+json keyJson(std::string const& key) {
+  return etcd::base64Encode(key);
+}
 
 json rangeRequest(std::string const& base, Span const& s) {
   json r{{"key", keyJson(base + s.begin)}};
@@ -440,7 +489,8 @@ json rangeRequest(std::string const& base, Span const& s) {
   return r;
 }
 
-json txnBody(std::string const& base, std::vector<Compare> const& cmps, std::vector<Op> const& ops) {
+json txnBody(std::string const& base, std::vector<Compare> const& cmps,
+             std::vector<Op> const& ops) {
   json compare = json::array(), success = json::array();
   for (auto const& c : cmps) {
     json j{{"key", keyJson(base + c.rel)}, {"result", "EQUAL"}};
@@ -453,31 +503,42 @@ json txnBody(std::string const& base, std::vector<Compare> const& cmps, std::vec
       success.push_back({{"request_delete_range", rangeRequest(base, Span{op.rel, op.end})}});
     else
       success.push_back(
-          {{"request_put", {{"key", keyJson(base + op.rel)}, {"value", etcd::base64Encode(op.record)}}}});
+          {{"request_put",
+            {{"key", keyJson(base + op.rel)}, {"value", etcd::base64Encode(op.record)}}}});
   }
   return json{{"compare", std::move(compare)}, {"success", std::move(success)}};
 }
 
 // ------------------------------------------------------------ reads
 
-template <class Read>
-LONG EtcdStore::read(std::vector<Span> const& spans, bool fresh, Read read) {
+template <class Spans, class Read>
+LONG EtcdStore::read(Spans spans, bool fresh, Read read) {
   if (!fresh && cacheLive()) {
     std::shared_lock<std::shared_mutex> lock(cacheMu_);
     return read(static_cast<Mirror const&>(cache_));
   }
   Mirror m;
-  LONG rc = fetch(spans, m);
+  LONG rc = fetch(spans(), m);
   if (rc != ERROR_SUCCESS) return rc;
   return read(static_cast<Mirror const&>(m));
 }
 
-// Reads the spans from the cluster in one transaction.
+// Reads the spans from the cluster, one transaction per kOpsPerTxn spans
+// (a tree write reads more; its writes check what it read).
 LONG EtcdStore::fetch(std::vector<Span> const& spans, Mirror& out) {
-  json success = json::array();
-  for (auto const& s : spans) success.push_back({{"request_range", rangeRequest(base_, s)}});
+  for (size_t from = 0; from < spans.size(); from += kOpsPerTxn) {
+    json success = json::array();
+    for (size_t i = from; i < std::min(spans.size(), from + kOpsPerTxn); ++i)
+      success.push_back({{"request_range", rangeRequest(base_, spans[i])}});
+    LONG rc = fetchTxn(json{{"success", std::move(success)}}.dump(), out);
+    if (rc != ERROR_SUCCESS) return rc;
+  }
+  return ERROR_SUCCESS;
+}
+
+LONG EtcdStore::fetchTxn(std::string const& body, Mirror& out) {
   std::string reply;
-  LONG rc = cluster_->post("/v3/kv/txn", json{{"success", std::move(success)}}.dump(), reply);
+  LONG rc = cluster_->post("/v3/kv/txn", body, reply);
   if (rc != ERROR_SUCCESS) return rc;
   etcd::TxnReply txn;
   if (!etcd::parseTxn(reply, txn)) return ERROR_REGISTRY_IO_FAILED;
@@ -495,75 +556,97 @@ LONG EtcdStore::fetch(std::vector<Span> const& spans, Mirror& out) {
   return ERROR_SUCCESS;
 }
 
-LONG EtcdStore::openKey(KeyRef const& base, size_t reached, std::string const& pathFold, REGSAM, int64_t& id) {
+LONG EtcdStore::openKey(KeyRef const& base, size_t reached, std::string const& pathFold, REGSAM,
+                        int64_t& id) {
   if (reached == 0) {
     id = base.id;
     return ERROR_SUCCESS;
   }
   std::string rel = relKey(pathFold);
-  return read({oneKey(rel)}, false, [&](Mirror const& m) {
-    Entry const* e = findEntry(m, rel);
-    if (!e) return ERROR_FILE_NOT_FOUND;
-    id = e->createRev;
-    return ERROR_SUCCESS;
-  });
+  return read([&] { return std::vector<Span>{oneKey(rel)}; }, false,
+              [&](Mirror const& m) {
+                Entry const* e = findEntry(m, rel);
+                if (!e) return ERROR_FILE_NOT_FOUND;
+                id = e->createRev;
+                return ERROR_SUCCESS;
+              });
 }
 
 LONG EtcdStore::queryValue(KeyRef const& key, std::string const& nameFold, DWORD* type, BYTE* data,
                            DWORD* size) {
   std::string rel = relKey(*key.pathFold);
   std::string vkey = valueKey(rel, nameFold);
-  return read({oneKey(rel), oneKey(vkey)}, false, [&](Mirror const& m) {
-    Entry const* v = findEntry(m, vkey);
-    if (!v || !alive(m, rel, key.id)) return ERROR_FILE_NOT_FOUND;
-    if (type) *type = v->type;
-    return copyData(v->data.data(), v->data.size(), data, size);
-  });
+  return read(
+      [&] {
+        return std::vector<Span>{oneKey(rel), oneKey(vkey)};
+      },
+      false,
+      [&](Mirror const& m) {
+        Entry const* v = findEntry(m, vkey);
+        if (!v || !alive(m, rel, key.id)) return ERROR_FILE_NOT_FOUND;
+        if (type) *type = v->type;
+        return copyData(v->data.data(), v->data.size(), data, size);
+      });
 }
 
 LONG EtcdStore::enumKey(KeyRef const& key, DWORD index, SubKeyOut const& out) {
   std::string rel = relKey(*key.pathFold);
-  return read({oneKey(rel), children(rel)}, false, [&](Mirror const& m) {
-    if (!alive(m, rel, key.id)) return ERROR_NO_MORE_ITEMS;
-    Entry const* found = nullptr;
-    DWORD n = 0;
-    forEachChild(m, rel, [&](Entry const& e) {
-      if (n++ == index) found = &e;
-      return found == nullptr;
-    });
-    if (!found) return ERROR_NO_MORE_ITEMS;
-    LONG rc = copyName(found->name.data(), found->name.size(), out.name, out.nameChars);
-    if (rc == ERROR_SUCCESS && out.lastWrite) {
-      auto const t = static_cast<uint64_t>(found->mtime);
-      out.lastWrite->dwLowDateTime = static_cast<DWORD>(t);
-      out.lastWrite->dwHighDateTime = static_cast<DWORD>(t >> 32);
-    }
-    return rc;
-  });
+  return read(
+      [&] {
+        return std::vector<Span>{oneKey(rel), children(rel)};
+      },
+      false,
+      [&](Mirror const& m) {
+        if (!alive(m, rel, key.id)) return ERROR_NO_MORE_ITEMS;
+        Entry const* found = nullptr;
+        DWORD n = 0;
+        forEachChild(m, rel, [&](Entry const& e) {
+          if (n++ == index) found = &e;
+          return found == nullptr;
+        });
+        if (!found) return ERROR_NO_MORE_ITEMS;
+        LONG rc = copyName(found->name.data(), found->name.size(), out.name, out.nameChars);
+        if (rc == ERROR_SUCCESS && out.lastWrite) {
+          auto const t = static_cast<uint64_t>(found->mtime);
+          out.lastWrite->dwLowDateTime = static_cast<DWORD>(t);
+          out.lastWrite->dwHighDateTime = static_cast<DWORD>(t >> 32);
+        }
+        return rc;
+      });
 }
 
 LONG EtcdStore::enumValue(KeyRef const& key, DWORD index, ValueOut const& out) {
   std::string rel = relKey(*key.pathFold);
-  return read({oneKey(rel), valuesSpan(rel)}, false, [&](Mirror const& m) {
-    if (!alive(m, rel, key.id)) return ERROR_NO_MORE_ITEMS;
-    std::vector<Entry const*> values = valuesOf(m, rel);
-    if (index >= values.size()) return ERROR_NO_MORE_ITEMS;
-    Entry const& v = *values[index];
-    LONG rc = copyName(v.name.data(), v.name.size(), out.name, out.nameChars);
-    if (rc != ERROR_SUCCESS) return rc;
-    if (out.type) *out.type = v.type;
-    return copyData(v.data.data(), v.data.size(), out.data, out.size);
-  });
+  return read(
+      [&] {
+        return std::vector<Span>{oneKey(rel), valuesSpan(rel)};
+      },
+      false,
+      [&](Mirror const& m) {
+        if (!alive(m, rel, key.id)) return ERROR_NO_MORE_ITEMS;
+        std::vector<Entry const*> values = valuesOf(m, rel);
+        if (index >= values.size()) return ERROR_NO_MORE_ITEMS;
+        Entry const& v = *values[index];
+        LONG rc = copyName(v.name.data(), v.name.size(), out.name, out.nameChars);
+        if (rc != ERROR_SUCCESS) return rc;
+        if (out.type) *out.type = v.type;
+        return copyData(v.data.data(), v.data.size(), out.data, out.size);
+      });
 }
 
 LONG EtcdStore::counts(KeyRef const& key, DWORD& subKeys, DWORD& values) {
   std::string rel = relKey(*key.pathFold);
-  return read({oneKey(rel), children(rel), valuesSpan(rel)}, false, [&](Mirror const& m) {
-    if (!alive(m, rel, key.id)) return ERROR_SUCCESS;
-    forEachChild(m, rel, [&](Entry const&) { return ++subKeys != 0; });
-    values = static_cast<DWORD>(valuesOf(m, rel).size());
-    return ERROR_SUCCESS;
-  });
+  return read(
+      [&] {
+        return std::vector<Span>{oneKey(rel), children(rel), valuesSpan(rel)};
+      },
+      false,
+      [&](Mirror const& m) {
+        if (!alive(m, rel, key.id)) return ERROR_SUCCESS;
+        forEachChild(m, rel, [&](Entry const&) { return ++subKeys != 0; });
+        values = static_cast<DWORD>(valuesOf(m, rel).size());
+        return ERROR_SUCCESS;
+      });
 }
 
 LONG EtcdStore::openToEverybody(KeyRef const& key, BOOL& isOpen) {
@@ -572,17 +655,19 @@ LONG EtcdStore::openToEverybody(KeyRef const& key, BOOL& isOpen) {
     isOpen = 0;
     return ERROR_SUCCESS;
   }
-  return read({oneKey(rel)}, false, [&](Mirror const& m) {
-    Entry const* e = findEntry(m, rel);
-    if (!e || e->createRev != key.id) return ERROR_KEY_DELETED;
-    isOpen = e->open ? 1 : 0;
-    return ERROR_SUCCESS;
-  });
+  return read([&] { return std::vector<Span>{oneKey(rel)}; }, false,
+              [&](Mirror const& m) {
+                Entry const* e = findEntry(m, rel);
+                if (!e || e->createRev != key.id) return ERROR_KEY_DELETED;
+                isOpen = e->open ? 1 : 0;
+                return ERROR_SUCCESS;
+              });
 }
 
 // ------------------------------------------------------------ writes
 
-LONG EtcdStore::commit(std::vector<Compare> const& cmps, std::vector<Op> const& ops, bool& succeeded) {
+LONG EtcdStore::commit(std::vector<Compare> const& cmps, std::vector<Op> const& ops,
+                       bool& succeeded, int64_t* revision) {
   std::string reply;
   LONG rc = cluster_->post("/v3/kv/txn", txnBody(base_, cmps, ops).dump(), reply);
   if (rc != ERROR_SUCCESS) return rc;
@@ -590,7 +675,131 @@ LONG EtcdStore::commit(std::vector<Compare> const& cmps, std::vector<Op> const& 
   if (!etcd::parseTxn(reply, txn)) return ERROR_REGISTRY_IO_FAILED;
   succeeded = txn.succeeded;
   if (succeeded) applyOwn(ops, txn.revision);
+  if (revision) *revision = txn.revision;
   return ERROR_SUCCESS;
+}
+
+namespace {
+
+TreePlan planTree(std::string const& rootPath, std::vector<TreeValue> const& values) {
+  TreePlan plan;
+  std::map<std::string, size_t> keyAt, valueAt;
+  std::vector<std::string_view> parts;
+  std::string fold;
+  for (auto const& v : values) {
+    splitPath(v.keyPath.c_str(), parts);
+    std::string path = rootPath;
+    for (size_t i = 0; i < parts.size(); ++i) {
+      foldName(parts[i], fold);
+      path = joinFold(path, fold);
+      std::string rel = relKey(path);
+      if (keyAt.emplace(rel, plan.keys.size()).second)
+        plan.keys.push_back(
+            {std::move(rel), std::string(parts[i]), v.openToAll && i + 1 == parts.size()});
+    }
+    foldName(v.name, fold);
+    std::string keyRel = relKey(path);
+    std::string rel = valueKey(keyRel, fold);
+    auto [at, fresh] = valueAt.emplace(rel, plan.values.size());
+    if (fresh)
+      plan.values.push_back({std::move(keyRel), std::move(rel), v.name, v.type, v.data});
+    else
+      plan.values[at->second].type = v.type, plan.values[at->second].data = v.data;
+  }
+  return plan;
+}
+
+// The key a key hangs from, or the key a value belongs to.
+std::string ownerRel(std::string const& rel) {
+  size_t const nul = rel.find('\0');
+  return nul != std::string::npos ? rel.substr(0, nul) : rel.substr(0, rel.rfind('\1'));
+}
+
+}  // namespace
+
+LONG EtcdStore::writeTree(KeyRef const& root, std::vector<TreeValue> const& values) {
+  if (values.empty()) return ERROR_SUCCESS;
+  TreePlan const plan = planTree(*root.pathFold, values);
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    bool retry = false;
+    LONG rc = writeTreeOnce(root, plan, attempt > 0, retry);
+    if (!retry) return rc;
+  }
+  QL_TRACE_ERROR("registry: writing a tree kept meeting concurrent changes");
+  return ERROR_REGISTRY_IO_FAILED;
+}
+
+// One attempt: reads what exists, then writes every missing key and every
+// value in transactions of at most kOpsPerTxn etcd keys, in key order (a
+// key before its values and its sub-keys). A key created by an earlier
+// transaction is checked by the later ones that hang keys from it.
+LONG EtcdStore::writeTreeOnce(KeyRef const& root, TreePlan const& plan, bool fresh, bool& retry) {
+  std::string const rootRel = relKey(*root.pathFold);
+  std::vector<Span> spans{oneKey(rootRel)};
+  for (auto const& k : plan.keys) spans.push_back(oneKey(k.rel));
+  for (auto const& v : plan.values) spans.push_back(oneKey(v.rel));
+  int64_t const now = nowFileTime();
+  std::map<std::string, std::pair<std::vector<Compare>, Op>> writes;
+  std::map<std::string, bool> creates;  // rel -> created here
+  LONG rc = read(
+      [&] { return spans; }, fresh,
+      [&](Mirror const& m) {
+        if (!alive(m, rootRel, root.id)) return ERROR_KEY_DELETED;
+        auto touch = [&](std::string const& rel, Entry e) {
+          if (rel.empty() || writes.count(rel)) return;
+          e.mtime = now;
+          writes[rel] = {{{rel, false, e.createRev}}, {rel, {}, keyRecord(e)}};
+        };
+        for (auto const& k : plan.keys) {
+          Entry const* e = findEntry(m, k.rel);
+          creates[k.rel] = e == nullptr;
+          if (e) continue;
+          writes[k.rel] = {{{k.rel, false, 0}}, {k.rel, {}, keyRecord(k.name, k.open, now), true}};
+          std::string const parent = ownerRel(k.rel);
+          if (Entry const* p = findEntry(m, parent)) touch(parent, *p);
+        }
+        for (auto const& v : plan.values) {
+          Entry const* old = findEntry(m, v.rel);
+          std::string const& spelling = old ? old->name : v.name;
+          writes[v.rel] = {{{v.rel, true, old ? old->modRev : 0}},
+                           {v.rel, {}, valueRecord(spelling, v.type, v.data), !old}};
+          if (Entry const* k = findEntry(m, v.keyRel)) touch(v.keyRel, *k);
+        }
+        return ERROR_SUCCESS;
+      });
+  if (rc != ERROR_SUCCESS) return rc;
+  std::map<std::string, int64_t> createdAt;
+  auto it = writes.begin();
+  while (it != writes.end()) {
+    std::vector<Compare> cmps;
+    std::vector<Op> ops;
+    for (size_t n = 0; n < kOpsPerTxn && it != writes.end(); ++n, ++it) {
+      cmps.insert(cmps.end(), it->second.first.begin(), it->second.first.end());
+      ops.push_back(it->second.second);
+      auto made = createdAt.find(ownerRel(it->first));
+      bool const hangs = isValueKey(it->first) || creates[it->first];
+      if (hangs && made != createdAt.end()) cmps.push_back({made->first, false, made->second});
+    }
+    bool ok = false;
+    int64_t revision = 0;
+    rc = commit(cmps, ops, ok, &revision);
+    if (rc != ERROR_SUCCESS) return rc;
+    if (!ok) {
+      retry = true;
+      return ERROR_SUCCESS;
+    }
+    for (auto const& op : ops)
+      if (op.creates && !isValueKey(op.rel)) createdAt[op.rel] = revision;
+  }
+  return ERROR_SUCCESS;
+}
+
+LONG EtcdStore::deleteTree(KeyRef const&, std::string const& pathFold, bool self) {
+  std::string const rel = relKey(pathFold);
+  // The key itself, its values and its tree, or only the tree: one range.
+  Op const op{self ? rel : rel + '\1', rel + '\2', {}};
+  bool ok = false;
+  return commit({}, {op}, ok);
 }
 
 LONG EtcdStore::createKey(KeyRef const& base, std::vector<std::string_view> const& parts,
@@ -601,9 +810,10 @@ LONG EtcdStore::createKey(KeyRef const& base, std::vector<std::string_view> cons
     bool const fresh = attempt > 0;
     if (parts.empty()) {
       id = base.id;
-      return read({oneKey(baseRel)}, fresh, [&](Mirror const& m) {
-        return alive(m, baseRel, base.id) ? ERROR_SUCCESS : ERROR_KEY_DELETED;
-      });
+      return read([&] { return std::vector<Span>{oneKey(baseRel)}; }, fresh,
+                  [&](Mirror const& m) {
+                    return alive(m, baseRel, base.id) ? ERROR_SUCCESS : ERROR_KEY_DELETED;
+                  });
     }
     bool retry = false;
     LONG rc = createMissing(base, parts, openToAll, fresh, id, created, retry);
@@ -616,8 +826,8 @@ LONG EtcdStore::createKey(KeyRef const& base, std::vector<std::string_view> cons
 // One attempt at creating the keys along `parts` below `base`: reads what
 // exists, then writes the rest in transactions of at most kOpsPerTxn keys,
 // parents first, each guarded by the key it hangs from.
-LONG EtcdStore::createMissing(KeyRef const& base, std::vector<std::string_view> const& parts, bool openToAll,
-                              bool fresh, int64_t& id, bool& created, bool& retry) {
+LONG EtcdStore::createMissing(KeyRef const& base, std::vector<std::string_view> const& parts,
+                              bool openToAll, bool fresh, int64_t& id, bool& created, bool& retry) {
   std::vector<std::string> rels, names;
   std::string path = *base.pathFold, fold;
   for (auto part : parts) {
@@ -633,17 +843,18 @@ LONG EtcdStore::createMissing(KeyRef const& base, std::vector<std::string_view> 
   size_t have = 0;
   Entry anchor;
   bool baseAlive = true;
-  LONG rc = read(spans, fresh, [&](Mirror const& m) {
-    baseAlive = alive(m, baseRel, base.id);
-    if (Entry const* e = findEntry(m, baseRel)) anchor = *e;
-    for (size_t i = 0; i < rels.size(); ++i) {
-      Entry const* e = findEntry(m, rels[i]);
-      if (!e) break;
-      anchor = *e;
-      have = i + 1;
-    }
-    return ERROR_SUCCESS;
-  });
+  LONG rc = read([&] { return spans; }, fresh,
+                 [&](Mirror const& m) {
+                   baseAlive = alive(m, baseRel, base.id);
+                   if (Entry const* e = findEntry(m, baseRel)) anchor = *e;
+                   for (size_t i = 0; i < rels.size(); ++i) {
+                     Entry const* e = findEntry(m, rels[i]);
+                     if (!e) break;
+                     anchor = *e;
+                     have = i + 1;
+                   }
+                   return ERROR_SUCCESS;
+                 });
   if (rc != ERROR_SUCCESS) return rc;
   if (have == rels.size()) {
     id = anchor.createRev;
@@ -663,46 +874,51 @@ LONG EtcdStore::createMissing(KeyRef const& base, std::vector<std::string_view> 
     }
     for (size_t i = from; i < to; ++i) {
       cmps.push_back({rels[i], false, 0});
-      ops.push_back({rels[i], {}, keyRecord(names[i], openToAll && i + 1 == rels.size(), now), true});
+      ops.push_back(
+          {rels[i], {}, keyRecord(names[i], openToAll && i + 1 == rels.size(), now), true});
     }
     bool ok = false;
-    rc = commit(cmps, ops, ok);
+    int64_t revision = 0;
+    rc = commit(cmps, ops, ok, &revision);
     if (rc != ERROR_SUCCESS) return rc;
     if (!ok) {
       retry = true;
       return ERROR_SUCCESS;
     }
-    std::shared_lock<std::shared_mutex> lock(cacheMu_);
-    Entry const* made = findEntry(cache_, rels[to - 1]);
     anchorRel = rels[to - 1];
-    anchorRev = made ? made->createRev : 0;
+    anchorRev = revision;  // the create revision of every key the transaction made
   }
   id = anchorRev;
   created = true;
   return ERROR_SUCCESS;
 }
 
-LONG EtcdStore::setValue(KeyRef const& key, std::string_view name, std::string const& nameFold, DWORD type,
-                         std::string const& bytes) {
+LONG EtcdStore::setValue(KeyRef const& key, std::string_view name, std::string const& nameFold,
+                         DWORD type, std::string const& bytes) {
   std::string const rel = relKey(*key.pathFold);
   std::string const vkey = valueKey(rel, nameFold);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     std::vector<Compare> cmps;
     std::vector<Op> ops;
-    LONG rc = read({oneKey(rel), oneKey(vkey)}, attempt > 0, [&](Mirror const& m) {
-      if (!alive(m, rel, key.id)) return ERROR_KEY_DELETED;
-      Entry const* old = findEntry(m, vkey);
-      // A value keeps the spelling it was first written with.
-      std::string const spelling(old ? std::string_view(old->name) : name);
-      cmps.push_back({vkey, true, old ? old->modRev : 0});
-      ops.push_back({vkey, {}, valueRecord(spelling, type, bytes), old == nullptr});
-      if (rel.empty()) return ERROR_SUCCESS;
-      Entry k = *findEntry(m, rel);
-      k.mtime = nowFileTime();
-      cmps.push_back({rel, false, key.id});
-      ops.push_back({rel, {}, keyRecord(k)});
-      return ERROR_SUCCESS;
-    });
+    LONG rc = read(
+        [&] {
+          return std::vector<Span>{oneKey(rel), oneKey(vkey)};
+        },
+        attempt > 0,
+        [&](Mirror const& m) {
+          if (!alive(m, rel, key.id)) return ERROR_KEY_DELETED;
+          Entry const* old = findEntry(m, vkey);
+          // A value keeps the spelling it was first written with.
+          std::string const spelling(old ? std::string_view(old->name) : name);
+          cmps.push_back({vkey, true, old ? old->modRev : 0});
+          ops.push_back({vkey, {}, valueRecord(spelling, type, bytes), old == nullptr});
+          if (rel.empty()) return ERROR_SUCCESS;
+          Entry k = *findEntry(m, rel);
+          k.mtime = nowFileTime();
+          cmps.push_back({rel, false, key.id});
+          ops.push_back({rel, {}, keyRecord(k)});
+          return ERROR_SUCCESS;
+        });
     if (rc != ERROR_SUCCESS) return rc;
     bool ok = false;
     rc = commit(cmps, ops, ok);
@@ -718,18 +934,23 @@ LONG EtcdStore::deleteValue(KeyRef const& key, std::string const& nameFold) {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     std::vector<Compare> cmps;
     std::vector<Op> ops;
-    LONG rc = read({oneKey(rel), oneKey(vkey)}, attempt > 0, [&](Mirror const& m) {
-      Entry const* old = findEntry(m, vkey);
-      if (!old || !alive(m, rel, key.id)) return ERROR_FILE_NOT_FOUND;
-      cmps.push_back({vkey, true, old->modRev});
-      ops.push_back({vkey, vkey + '\1', {}});  // exactly this key: nothing sorts between
-      if (rel.empty()) return ERROR_SUCCESS;
-      Entry k = *findEntry(m, rel);
-      k.mtime = nowFileTime();
-      cmps.push_back({rel, false, key.id});
-      ops.push_back({rel, {}, keyRecord(k)});
-      return ERROR_SUCCESS;
-    });
+    LONG rc = read(
+        [&] {
+          return std::vector<Span>{oneKey(rel), oneKey(vkey)};
+        },
+        attempt > 0,
+        [&](Mirror const& m) {
+          Entry const* old = findEntry(m, vkey);
+          if (!old || !alive(m, rel, key.id)) return ERROR_FILE_NOT_FOUND;
+          cmps.push_back({vkey, true, old->modRev});
+          ops.push_back({vkey, vkey + '\1', {}});  // exactly this key: nothing sorts between
+          if (rel.empty()) return ERROR_SUCCESS;
+          Entry k = *findEntry(m, rel);
+          k.mtime = nowFileTime();
+          cmps.push_back({rel, false, key.id});
+          ops.push_back({rel, {}, keyRecord(k)});
+          return ERROR_SUCCESS;
+        });
     if (rc != ERROR_SUCCESS) return rc;
     bool ok = false;
     rc = commit(cmps, ops, ok);
@@ -743,15 +964,20 @@ LONG EtcdStore::deleteKey(KeyRef const&, std::string const& pathFold) {
   std::string const rel = relKey(pathFold);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     int64_t modRev = 0;
-    LONG rc = read({oneKey(rel), Span{rel + '\1', rel + '\2'}}, attempt > 0, [&](Mirror const& m) {
-      Entry const* e = findEntry(m, rel);
-      if (!e) return ERROR_FILE_NOT_FOUND;
-      bool hasChild = false;
-      forEachChild(m, rel, [&](Entry const&) { return !(hasChild = true); });
-      if (hasChild) return ERROR_ACCESS_DENIED;  // still has sub-keys
-      modRev = e->modRev;
-      return ERROR_SUCCESS;
-    });
+    LONG rc = read(
+        [&] {
+          return std::vector<Span>{oneKey(rel), Span{rel + '\1', rel + '\2'}};
+        },
+        attempt > 0,
+        [&](Mirror const& m) {
+          Entry const* e = findEntry(m, rel);
+          if (!e) return ERROR_FILE_NOT_FOUND;
+          bool hasChild = false;
+          forEachChild(m, rel, [&](Entry const&) { return !(hasChild = true); });
+          if (hasChild) return ERROR_ACCESS_DENIED;  // still has sub-keys
+          modRev = e->modRev;
+          return ERROR_SUCCESS;
+        });
     if (rc != ERROR_SUCCESS) return rc;
     // The key, its values and (none, as checked) its tree: one range.
     bool ok = false;
@@ -910,7 +1136,8 @@ void EtcdStore::runWatch() {
   CURL* h = curl_easy_init();
   if (!h) return;
   WatchStream stream(*this);
-  static struct curl_slist* const headers = curl_slist_append(nullptr, "Content-Type: application/json");
+  static struct curl_slist* const headers =
+      curl_slist_append(nullptr, "Content-Type: application/json");
   curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers);
   curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(h, CURLOPT_POSTFIELDS, body.c_str());
@@ -988,11 +1215,16 @@ std::string userName() {
 
 char const* rootPart(RootKind kind) {
   switch (kind) {
-    case RootKind::Classes: return "classes/";
-    case RootKind::Machine: return "machine/";
-    case RootKind::Users: return "users/";
-    case RootKind::User: return "user/";
-    case RootKind::None: break;
+    case RootKind::Classes:
+      return "classes/";
+    case RootKind::Machine:
+      return "machine/";
+    case RootKind::Users:
+      return "users/";
+    case RootKind::User:
+      return "user/";
+    case RootKind::None:
+      break;
   }
   return "";
 }
@@ -1017,7 +1249,8 @@ std::shared_ptr<Cluster> const& clusterFor(Stores& s, EtcdConfig const& cfg) {
 Store* storeAt(EtcdConfig const& cfg, std::string base) {
   static std::once_flag once;
   std::call_once(once, [] {
-    pthread_atfork(&beforeFork, [] { afterFork(false); }, [] { afterFork(true); });
+    pthread_atfork(
+        &beforeFork, [] { afterFork(false); }, [] { afterFork(true); });
   });
   Stores& s = stores();
   std::lock_guard<std::mutex> lock(s.mu);

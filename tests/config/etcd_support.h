@@ -77,7 +77,9 @@ class EtcdCluster {
     for (size_t i : which) s += (s.empty() ? "" : ",") + url(i);
     return s;
   }
-  std::string url(size_t i) const { return "http://127.0.0.1:" + std::to_string(members_[i].client); }
+  std::string url(size_t i) const {
+    return "http://127.0.0.1:" + std::to_string(members_[i].client);
+  }
   std::string const& error() const { return error_; }
   size_t size() const { return members_.size(); }
 
@@ -129,25 +131,21 @@ class EtcdCluster {
   }
 
   std::string name(size_t i) const { return "m" + std::to_string(i); }
-  std::string peerUrl(size_t i) const { return "http://127.0.0.1:" + std::to_string(members_[i].peer); }
+  std::string peerUrl(size_t i) const {
+    return "http://127.0.0.1:" + std::to_string(members_[i].peer);
+  }
 
   std::vector<std::string> arguments(size_t i) const {
     std::string cluster;
-    for (size_t j = 0; j < members_.size(); ++j) cluster += (j ? "," : "") + name(j) + "=" + peerUrl(j);
-    return {program_,
-            "--name=" + name(i),
-            "--data-dir=" + dir_ + "/" + name(i),
-            "--listen-client-urls=" + url(i),
-            "--advertise-client-urls=" + url(i),
-            "--listen-peer-urls=" + peerUrl(i),
-            "--initial-advertise-peer-urls=" + peerUrl(i),
-            "--initial-cluster=" + cluster,
-            "--initial-cluster-state=new",
+    for (size_t j = 0; j < members_.size(); ++j)
+      cluster += (j ? "," : "") + name(j) + "=" + peerUrl(j);
+    return {program_, "--name=" + name(i), "--data-dir=" + dir_ + "/" + name(i),
+            "--listen-client-urls=" + url(i), "--advertise-client-urls=" + url(i),
+            "--listen-peer-urls=" + peerUrl(i), "--initial-advertise-peer-urls=" + peerUrl(i),
+            "--initial-cluster=" + cluster, "--initial-cluster-state=new",
             "--initial-cluster-token=" + dir_,
             // Quick elections, so that losing a member costs a second, not ten.
-            "--heartbeat-interval=50",
-            "--election-timeout=500",
-            "--logger=zap",
+            "--heartbeat-interval=50", "--election-timeout=500", "--logger=zap",
             "--log-level=error"};
   }
 
@@ -188,7 +186,8 @@ class EtcdCluster {
           members_[i].pid = -1;
           return fail("etcd member " + name(i) + " exited; see " + dir_ + "/" + name(i) + ".log");
         }
-        if (std::chrono::steady_clock::now() > until) return fail("etcd member " + name(i) + " not healthy in time");
+        if (std::chrono::steady_clock::now() > until)
+          return fail("etcd member " + name(i) + " not healthy in time");
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
       }
     }

@@ -213,3 +213,47 @@ TEST_P(RegistryTest, ServerInstancesAndODBCFallbacks) {
   EXPECT_EQ(str(odbc.ReadValue("Driver")), "machine");
   EXPECT_EQ(str(odbc.ReadValue("Other", 5UL)), "5");
 }
+
+TEST_P(RegistryTest, CopyKeyAndDeleteKeyRecursive) {
+  rawSet(HKEY_CURRENT_USER, "Src", "text", REG_SZ, std::string("abc\0", 4));
+  rawSet(HKEY_CURRENT_USER, "Src", "num", REG_DWORD, std::string("\x07\0\0\0", 4));
+  rawSet(HKEY_CURRENT_USER, "Src", "numText", REG_SZ, std::string("12\0", 3));
+  rawSet(HKEY_CURRENT_USER, "Src\\Sub\\Deep", "leaf", REG_SZ, std::string("deep\0", 5));
+  HKEY empty = nullptr;
+  ASSERT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "Src\\Empty", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &empty, nullptr),
+            ERROR_SUCCESS);
+  RegCloseKey(empty);
+  // More values than one etcd transaction holds.
+  for (int i = 0; i < 150; ++i)
+    rawSet(HKEY_CURRENT_USER, "Src\\Many", ("v" + std::to_string(i)).c_str(), REG_SZ, std::to_string(i) + '\0');
+  ASSERT_TRUE(Registry::CopyKey(HKEY_CURRENT_USER, "Src", HKEY_LOCAL_MACHINE, "Dst"));
+  struct {
+    char const* path;
+    char const* name;
+    DWORD type;
+    std::string bytes;
+  } const rows[] = {
+      {"Dst", "text", REG_SZ, std::string("abc\0", 4)},
+      {"Dst", "num", REG_DWORD, std::string("\x07\0\0\0", 4)},
+      {"Dst", "numText", REG_SZ, std::string("12\0", 3)},  // the type is copied, not the text's look
+      {"Dst\\Sub\\Deep", "leaf", REG_SZ, std::string("deep\0", 5)},
+      {"Dst\\Many", "v149", REG_SZ, std::string("149\0", 4)},
+      {"Dst\\Empty", "x", 0, "<no key>"},  // a key without values is not copied
+  };
+  for (auto const& r : rows) {
+    DWORD type = 0;
+    EXPECT_EQ(rawGet(HKEY_LOCAL_MACHINE, r.path, r.name, &type), r.bytes) << r.path << " " << r.name;
+    if (r.type) {
+      EXPECT_EQ(type, r.type) << r.name;
+    }
+  }
+  Registry dst = reg("Dst", HKEY_LOCAL_MACHINE);
+  ASSERT_TRUE(dst.DeleteKeyRecursive(false));
+  EXPECT_FALSE(dst.EnumSubKeys());
+  EXPECT_EQ(str(dst.ReadValue("text")), "abc");
+  Registry src = reg("Src");
+  ASSERT_TRUE(src.DeleteKeyRecursive(true));
+  EXPECT_FALSE(src.KeyExists());
+  EXPECT_EQ(rawGet(HKEY_CURRENT_USER, "Src\\Sub\\Deep", "leaf"), "<no key>");
+  EXPECT_TRUE(seen.empty());
+}

@@ -21,7 +21,8 @@ class RegEtcd : public quentest::StoreTest {
   void SetUp() override {
     StoreTest::SetUp();
     quentest::unsetEtcd();
-    if (quentest::EtcdCluster::program().empty()) GTEST_SKIP() << "etcd is not installed (Debian etcd-server)";
+    if (quentest::EtcdCluster::program().empty())
+      GTEST_SKIP() << "etcd is not installed (Debian etcd-server)";
   }
   void TearDown() override {
     quentest::unsetEtcd();
@@ -77,8 +78,8 @@ int inChild(F body) {
 
 // The keys below a prefix, as etcdctl lists them.
 std::set<std::string> etcdKeys(std::string const& endpoints, std::string const& prefix) {
-  std::string cmd = "ETCDCTL_API=3 etcdctl --endpoints=" + endpoints + " get --prefix --keys-only -w json " +
-                    prefix + " 2>/dev/null";
+  std::string cmd = "ETCDCTL_API=3 etcdctl --endpoints=" + endpoints +
+                    " get --prefix --keys-only -w json " + prefix + " 2>/dev/null";
   std::string out;
   if (FILE* p = ::popen(cmd.c_str(), "r")) {
     char buf[4096];
@@ -114,11 +115,16 @@ TEST_F(RegEtcd, SelectionByOverrideEnvironmentAndFile) {
     LONG rc;
     char const* inForce;
   } const rows[] = {
-      {"etcd://h:1,h2:2", ERROR_SUCCESS, "etcd://h:1,h2:2"}, {"http://a:1,http://b:2", ERROR_SUCCESS, "etcd://a:1,b:2"},
-      {"etcd://a", ERROR_INVALID_PARAMETER, "etcd://a:1,b:2"}, {"ftp://a:1", ERROR_INVALID_PARAMETER, nullptr},
-      {"etcd://a:0", ERROR_INVALID_PARAMETER, nullptr},        {"etcd://a:70000", ERROR_INVALID_PARAMETER, nullptr},
-      {"etcd://a:1,", ERROR_INVALID_PARAMETER, nullptr},       {"sqlite", ERROR_SUCCESS, "sqlite"},
-      {"etcd://[::1]:5", ERROR_SUCCESS, "etcd://[::1]:5"},      {"", ERROR_SUCCESS, "sqlite"},
+      {"etcd://h:1,h2:2", ERROR_SUCCESS, "etcd://h:1,h2:2"},
+      {"http://a:1,http://b:2", ERROR_SUCCESS, "etcd://a:1,b:2"},
+      {"etcd://a", ERROR_INVALID_PARAMETER, "etcd://a:1,b:2"},
+      {"ftp://a:1", ERROR_INVALID_PARAMETER, nullptr},
+      {"etcd://a:0", ERROR_INVALID_PARAMETER, nullptr},
+      {"etcd://a:70000", ERROR_INVALID_PARAMETER, nullptr},
+      {"etcd://a:1,", ERROR_INVALID_PARAMETER, nullptr},
+      {"sqlite", ERROR_SUCCESS, "sqlite"},
+      {"etcd://[::1]:5", ERROR_SUCCESS, "etcd://[::1]:5"},
+      {"", ERROR_SUCCESS, "sqlite"},
       {nullptr, ERROR_SUCCESS, "sqlite"},
   };
   int const bad = inChild([&] {
@@ -139,10 +145,12 @@ TEST_F(RegEtcd, KeyLayoutAndLongPathsInOneCluster) {
   ASSERT_FALSE(endpoints.empty());
   ::setenv("QUENLIB_REGISTRY_ETCD_MACHINE", "layout", 1);
   ASSERT_EQ(setText(HKEY_LOCAL_MACHINE, "Software\\Example", "Answer", "42"), ERROR_SUCCESS);
-  std::string const base = std::string(::getenv("QUENLIB_REGISTRY_ETCD_PREFIX")) + "/m/layout/machine/";
-  EXPECT_EQ(etcdKeys(endpoints, base),
-            (std::set<std::string>{base + "\1software", base + "\1software\1example",
-                                   base + "\1software\1example" + std::string(1, '\0') + "answer"}));
+  std::string const base =
+      std::string(::getenv("QUENLIB_REGISTRY_ETCD_PREFIX")) + "/m/layout/machine/";
+  EXPECT_EQ(
+      etcdKeys(endpoints, base),
+      (std::set<std::string>{base + "\1software", base + "\1software\1example",
+                             base + "\1software\1example" + std::string(1, '\0') + "answer"}));
   // A path longer than one transaction may hold is created in parts.
   std::string deep = "Deep";
   for (int i = 0; i < 70; ++i) deep += "\\k" + std::to_string(i);
@@ -171,15 +179,18 @@ TEST_F(RegEtcd, UnreachableClusterFailsWithinTheTimeOut) {
   ::getsockname(silent, reinterpret_cast<sockaddr*>(&a), &len);
   std::string const silentUrl = "127.0.0.1:" + std::to_string(ntohs(a.sin_port));
   ::setenv("QUENLIB_REGISTRY_ETCD_TIMEOUT_MS", "400", 1);
-  for (std::string const& endpoints : {std::string("127.0.0.1:1"), silentUrl, "127.0.0.1:1," + silentUrl}) {
+  for (std::string const& endpoints :
+       {std::string("127.0.0.1:1"), silentUrl, "127.0.0.1:1," + silentUrl}) {
     quentest::useEtcd(endpoints);
     quentest::TraceLog traces;
     auto const start = Clock::now();
     HKEY k = nullptr;
-    EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "Software\\X", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k, nullptr),
+    EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "Software\\X", 0, nullptr, 0, KEY_ALL_ACCESS,
+                              nullptr, &k, nullptr),
               ERROR_REGISTRY_IO_FAILED)
         << endpoints;
-    EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software", 0, KEY_READ, &k), ERROR_REGISTRY_IO_FAILED);
+    EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software", 0, KEY_READ, &k),
+              ERROR_REGISTRY_IO_FAILED);
     EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(2 * 400 + 600)) << endpoints;
     ASSERT_EQ(traces.texts.size(), 2u) << endpoints;
     EXPECT_NE(traces.texts[0].find("etcd request failed"), std::string::npos) << traces.texts[0];
@@ -201,7 +212,8 @@ TEST_F(RegEtcd, ThreeMembersLoseOneThenTwo) {
   auto expectAll = [&](std::string const& endpoints) {
     ::setenv("QUENLIB_REGISTRY_ETCD", endpoints.c_str(), 1);
     for (auto const& [name, value] : acknowledged)
-      EXPECT_EQ(getText(HKEY_LOCAL_MACHINE, "Software\\Cluster", name.c_str()), value) << name << " via " << endpoints;
+      EXPECT_EQ(getText(HKEY_LOCAL_MACHINE, "Software\\Cluster", name.c_str()), value)
+          << name << " via " << endpoints;
   };
   quentest::useEtcd(etcd.endpoints({0}));
   for (int i = 0; i < 10; ++i) ASSERT_EQ(write(i), ERROR_SUCCESS);
@@ -210,7 +222,8 @@ TEST_F(RegEtcd, ThreeMembersLoseOneThenTwo) {
   ::setenv("QUENLIB_REGISTRY_ETCD", etcd.endpoints().c_str(), 1);
   etcd.kill(0);
   auto const settle = Clock::now() + std::chrono::seconds(15);
-  while (write(10) != ERROR_SUCCESS && Clock::now() < settle) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  while (write(10) != ERROR_SUCCESS && Clock::now() < settle)
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
   for (int i = 11; i < 20; ++i) EXPECT_EQ(write(i), ERROR_SUCCESS) << "one member down";
   expectAll(etcd.endpoints({2, 1}));
 
@@ -242,10 +255,14 @@ TEST_F(RegEtcd, ProcessesAndMachinesShareKeys) {
       int faults = 0;
       for (int n = 0; n < 40; ++n) {
         std::string const mine = "w" + std::to_string(id);
-        if (setText(HKEY_LOCAL_MACHINE, "Software\\Shared", mine.c_str(), std::to_string(n)) != ERROR_SUCCESS) ++faults;
-        if (setText(HKEY_LOCAL_MACHINE, "Software\\Shared", "last", mine + ":" + std::to_string(n)) != ERROR_SUCCESS)
+        if (setText(HKEY_LOCAL_MACHINE, "Software\\Shared", mine.c_str(), std::to_string(n)) !=
+            ERROR_SUCCESS)
           ++faults;
-        if (getText(HKEY_LOCAL_MACHINE, "Software\\Shared", mine.c_str()) != std::to_string(n)) ++faults;
+        if (setText(HKEY_LOCAL_MACHINE, "Software\\Shared", "last",
+                    mine + ":" + std::to_string(n)) != ERROR_SUCCESS)
+          ++faults;
+        if (getText(HKEY_LOCAL_MACHINE, "Software\\Shared", mine.c_str()) != std::to_string(n))
+          ++faults;
         std::string last = getText(HKEY_LOCAL_MACHINE, "Software\\Shared", "last");
         if (last.rfind("w", 0) != 0 || last.find(':') == std::string::npos) ++faults;
       }
@@ -277,10 +294,15 @@ TEST_F(RegEtcd, WatchBringsAnotherProcesssWriteToTheCache) {
   EXPECT_EQ(getText(HKEY_LOCAL_MACHINE, "Software\\Watch", "seen"), "before");
   for (int round = 0; round < 3; ++round) {
     std::string const value = "round " + std::to_string(round);
-    ASSERT_EQ(inChild([&] { return setText(HKEY_LOCAL_MACHINE, "Software\\Watch", "seen", value) == ERROR_SUCCESS ? 0 : 1; }),
-              0);
+    ASSERT_EQ(
+        inChild([&] {
+          return setText(HKEY_LOCAL_MACHINE, "Software\\Watch", "seen", value) == ERROR_SUCCESS ? 0
+                                                                                                : 1;
+        }),
+        0);
     auto const deadline = Clock::now() + std::chrono::seconds(5);
-    while (getText(HKEY_LOCAL_MACHINE, "Software\\Watch", "seen") != value && Clock::now() < deadline)
+    while (getText(HKEY_LOCAL_MACHINE, "Software\\Watch", "seen") != value &&
+           Clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_EQ(getText(HKEY_LOCAL_MACHINE, "Software\\Watch", "seen"), value);
   }
