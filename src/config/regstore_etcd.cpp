@@ -71,10 +71,9 @@ constexpr auto kIdleWatch = std::chrono::seconds(30);
 
 // ---------------------------------------------------------------- layout
 
-std::string relKey(std::string_view pathFold) {
-  std::string r;
-  if (pathFold.empty()) return r;
-  r.reserve(pathFold.size() + 1);
+void relKeyInto(std::string_view pathFold, std::string& r) {
+  r.clear();
+  if (pathFold.empty()) return;
   r.push_back('\1');
   for (char c : pathFold) {
     if (c == '\\')
@@ -84,6 +83,11 @@ std::string relKey(std::string_view pathFold) {
     else
       r.push_back(c);
   }
+}
+
+std::string relKey(std::string_view pathFold) {
+  std::string r;
+  relKeyInto(pathFold, r);
   return r;
 }
 
@@ -574,8 +578,15 @@ LONG EtcdStore::openKey(KeyRef const& base, size_t reached, std::string const& p
 
 LONG EtcdStore::queryValue(KeyRef const& key, std::string const& nameFold, DWORD* type, BYTE* data,
                            DWORD* size) {
-  std::string rel = relKey(*key.pathFold);
-  std::string vkey = valueKey(rel, nameFold);
+  // Per-thread key buffers: a cached read allocates nothing, and reads of
+  // one key in a row convert its path once.
+  thread_local std::string path, rel, vkey;
+  if (path != *key.pathFold) {
+    path = *key.pathFold;
+    relKeyInto(path, rel);
+  }
+  vkey.assign(rel).push_back('\0');
+  vkey.append(nameFold);
   return read(
       [&] {
         return std::vector<Span>{oneKey(rel), oneKey(vkey)};
