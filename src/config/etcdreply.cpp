@@ -155,11 +155,19 @@ bool parseTxn(std::string_view body, TxnReply& out) {
   out.revision = headerRevision(j);
   out.succeeded = flag(j, "succeeded");
   out.ranges.clear();
+  out.putPrevCreate.clear();
   auto it = j.find("responses");
   if (it == j.end()) return true;
   if (!it->is_array()) return false;
   for (json const& r : *it) {
-    auto range = r.is_object() ? r.find("response_range") : r.end();
+    if (!r.is_object()) return false;
+    if (auto put = r.find("response_put"); put != r.end()) {
+      auto prev = put->is_object() ? put->find("prev_kv") : put->end();
+      out.putPrevCreate.push_back(
+          prev != put->end() && prev->is_object() ? number(*prev, "create_revision") : 0);
+      continue;
+    }
+    auto range = r.find("response_range");
     if (range == r.end()) continue;
     out.ranges.emplace_back();
     if (!readRange(*range, out.ranges.back())) return false;

@@ -30,6 +30,9 @@ struct TxnReply {
   int64_t revision = 0;
   bool succeeded = false;
   std::vector<RangeReply> ranges;  // the range answers, in request order
+  // For each put, in request order: the create revision of the key it
+  // replaced, 0 when it made a new key (puts ask for the previous pair).
+  std::vector<int64_t> putPrevCreate;
 };
 
 struct WatchEvent {

@@ -116,6 +116,31 @@ std::string prefixEnd(std::string p) {
   return std::string(1, '\0');  // every key
 }
 
+// A reader-writer lock that lets a waiting writer in before new readers:
+// the watch thread must not wait behind a process that reads in a loop.
+class CacheLock {
+ public:
+  CacheLock() { init(); }
+  ~CacheLock() { pthread_rwlock_destroy(&lock_); }
+  CacheLock(CacheLock const&) = delete;
+  CacheLock& operator=(CacheLock const&) = delete;
+  void lock() { pthread_rwlock_wrlock(&lock_); }
+  void unlock() { pthread_rwlock_unlock(&lock_); }
+  void lock_shared() { pthread_rwlock_rdlock(&lock_); }
+  void unlock_shared() { pthread_rwlock_unlock(&lock_); }
+  // A forked child cannot unlock its parent's writer lock: it starts anew.
+  void init() {
+    pthread_rwlockattr_t attr;
+    pthread_rwlockattr_init(&attr);
+    pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    pthread_rwlock_init(&lock_, &attr);
+    pthread_rwlockattr_destroy(&attr);
+  }
+
+ private:
+  pthread_rwlock_t lock_;
+};
+
 // ---------------------------------------------------------------- records
 
 // A key or a value as this process knows it.
@@ -312,7 +337,7 @@ class EtcdStore : public regstore::Store {
     if (!child) return cacheMu_.unlock();
     live_ = false;
     watching_ = false;
-    new (&cacheMu_) std::shared_mutex;
+    cacheMu_.init();
   }
 
  private:
@@ -338,7 +363,7 @@ class EtcdStore : public regstore::Store {
 
   std::shared_ptr<Cluster> cluster_;
   std::string base_;
-  std::shared_mutex cacheMu_;
+  CacheLock cacheMu_;
   Mirror cache_;
   struct Tombstone {
     std::string begin, end;
@@ -518,7 +543,7 @@ json txnBody(std::string const& base, std::vector<Compare> const& cmps,
 template <class Spans, class Read>
 LONG EtcdStore::read(Spans spans, bool fresh, Read read) {
   if (!fresh && cacheLive()) {
-    std::shared_lock<std::shared_mutex> lock(cacheMu_);
+    std::shared_lock<CacheLock> lock(cacheMu_);
     return read(static_cast<Mirror const&>(cache_));
   }
   Mirror m;
@@ -772,8 +797,8 @@ LONG EtcdStore::writeTreeOnce(KeyRef const& root, TreePlan const& plan, bool fre
         for (auto const& v : plan.values) {
           Entry const* old = findEntry(m, v.rel);
           std::string const& spelling = old ? old->name : v.name;
-          writes[v.rel] = {{{v.rel, true, old ? old->modRev : 0}},
-                           {v.rel, {}, valueRecord(spelling, v.type, v.data), !old}};
+          writes[v.rel] = {old ? std::vector<Compare>{} : std::vector<Compare>{{v.rel, true, 0}},
+                           {v.rel, {}, valueRecord(spelling, v.type, v.data)}};
           if (Entry const* k = findEntry(m, v.keyRel)) touch(v.keyRel, *k);
         }
         return ERROR_SUCCESS;
@@ -921,8 +946,10 @@ LONG EtcdStore::setValue(KeyRef const& key, std::string_view name, std::string c
           Entry const* old = findEntry(m, vkey);
           // A value keeps the spelling it was first written with.
           std::string const spelling(old ? std::string_view(old->name) : name);
-          cmps.push_back({vkey, true, old ? old->modRev : 0});
-          ops.push_back({vkey, {}, valueRecord(spelling, type, bytes), old == nullptr});
+          // Two first writes of one value: the first spelling wins. A rewrite
+          // needs no check (it keeps the spelling it read, whoever wrote last).
+          if (!old) cmps.push_back({vkey, true, 0});
+          ops.push_back({vkey, {}, valueRecord(spelling, type, bytes)});
           if (rel.empty()) return ERROR_SUCCESS;
           Entry k = *findEntry(m, rel);
           k.mtime = nowFileTime();
@@ -1006,16 +1033,20 @@ LONG EtcdStore::deleteKey(KeyRef const&, std::string const& pathFold) {
 // remembered until the watch passes them, so that an older event cannot
 // bring a deleted key back.
 void EtcdStore::applyOwn(std::vector<Op> const& ops, int64_t revision) {
-  std::unique_lock<std::shared_mutex> lock(cacheMu_);
+  std::unique_lock<CacheLock> lock(cacheMu_);
   for (auto const& op : ops) {
+    // Threads of this process may get here out of revision order: what a
+    // later revision wrote stays.
     if (!op.end.empty()) {
-      cache_.erase(cache_.lower_bound(op.rel), cache_.lower_bound(op.end));
+      for (auto it = cache_.lower_bound(op.rel); it != cache_.end() && it->first < op.end;)
+        it = it->second.modRev < revision ? cache_.erase(it) : std::next(it);
       tombstones_.push_back({op.rel, op.end, revision});
       continue;
     }
     Entry e;
     if (!decodeRecord(op.rel, op.record, e)) continue;
     auto it = cache_.find(op.rel);
+    if (it != cache_.end() && it->second.modRev > revision) continue;
     e.createRev = it != cache_.end() && !op.creates ? it->second.createRev : revision;
     e.modRev = revision;
     cache_[op.rel] = std::move(e);
@@ -1055,7 +1086,7 @@ bool EtcdStore::refill() {
     e.modRev = kv.modRevision;
     fresh.emplace(std::move(rel), std::move(e));
   }
-  std::unique_lock<std::shared_mutex> lock(cacheMu_);
+  std::unique_lock<CacheLock> lock(cacheMu_);
   for (auto& [rel, e] : cache_)
     if (e.modRev > range.revision) fresh[rel] = e;
   std::erase_if(tombstones_, [&](Tombstone const& t) { return t.revision <= range.revision; });
@@ -1084,7 +1115,7 @@ void EtcdStore::applyPut(etcd::Kv const& kv) {
 }
 
 void EtcdStore::applyWatch(etcd::WatchMessage const& msg) {
-  std::unique_lock<std::shared_mutex> lock(cacheMu_);
+  std::unique_lock<CacheLock> lock(cacheMu_);
   for (auto const& ev : msg.events) {
     if (!startsWith(ev.kv.key, base_)) continue;
     watchRev_ = std::max(watchRev_, ev.kv.modRevision);
