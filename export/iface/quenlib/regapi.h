@@ -5,6 +5,8 @@
 // directory named by QUENLIB_REGISTRY_DIR or, without it, /var/lib/quenlib
 // for the machine root and ${XDG_CONFIG_HOME:-$HOME/.config}/quenlib for
 // the others. Several processes may read and write one store at once.
+// A process may keep its registry on an etcd cluster instead (shared by
+// many machines): see RegSelectStore and QUENLIB_REGISTRY_ETCD below.
 //
 // The functions keep the classic contracts: status codes instead of
 // exceptions, caller-supplied buffers with ERROR_MORE_DATA and the needed
