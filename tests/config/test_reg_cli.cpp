@@ -1,5 +1,7 @@
 // quen reg end to end: the commands an operator types, their output, exit
 // status and the files they write. Runs the built quen binary.
+#include <cstring>
+
 #include "config_support.h"
 
 namespace fs = std::filesystem;
@@ -13,23 +15,66 @@ class QuenReg : public quentest::StoreTest {
     if (::access(quentest::QuenPath().c_str(), X_OK) != 0) GTEST_SKIP() << "quen is not built";
     StoreTest::SetUp();
     useStore(dir + "/fresh/stores");
+    quentest::unsetEtcd();
+  }
+  void TearDown() override {
+    quentest::unsetEtcd();
+    StoreTest::TearDown();
+  }
+  // The shared etcd member, under a prefix of this test's own; `location`
+  // names it for --store and --to. Skips when etcd is not installed.
+  void useEtcdMember() {
+    if (quentest::EtcdCluster::program().empty()) GTEST_SKIP() << "etcd is not installed (Debian etcd-server)";
+    std::string why;
+    quentest::EtcdCluster* etcd = quentest::sharedEtcd(why);
+    ASSERT_NE(etcd, nullptr) << why;
+    quentest::useEtcd(etcd->endpoints());
+    ::unsetenv("QUENLIB_REGISTRY_ETCD");  // quen is told the cluster on its command line only
+    location = "etcd://" + etcd->endpoints().substr(std::strlen("http://"));
   }
   // quen reg with the (shell-quoted) arguments, standard error included.
-  static Outcome quenReg(std::string const& args) { return quentest::RunQuen("reg " + args, ""); }
+  Outcome quenReg(std::string const& args) const { return quentest::RunQuen("reg " + storeOption + args, ""); }
+
+  std::string location;
+  std::string storeOption;  // "--store LOCATION " when a test runs on etcd
 };
+
+// The operator's sessions on each store: SQLite by default, etcd by --store.
+class QuenRegStores : public QuenReg, public ::testing::WithParamInterface<quentest::StoreKind> {
+ protected:
+  void SetUp() override {
+    QuenReg::SetUp();
+    if (IsSkipped() || GetParam() != quentest::StoreKind::Etcd) return;
+    useEtcdMember();
+    storeOption = location.empty() ? "" : "--store " + location + " ";
+  }
+};
+
+class QuenRegEtcd : public QuenReg {
+ protected:
+  void SetUp() override {
+    QuenReg::SetUp();
+    if (!IsSkipped()) useEtcdMember();
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Stores, QuenRegStores,
+                         ::testing::Values(quentest::StoreKind::Sqlite, quentest::StoreKind::Etcd),
+                         quentest::storeName);
 
 }  // namespace
 
-TEST_F(QuenReg, AddThenQueryOnAFreshStore) {
+TEST_P(QuenRegStores, AddThenQueryOnAFreshStore) {
   Outcome add = quenReg("add 'HKLM\\Software\\Example' /v Greeting /d hello");
   ASSERT_EQ(add.status, 0) << add.out;
-  EXPECT_TRUE(fs::exists(dir + "/fresh/stores/machine.db"));
+  // A write through --store etcd leaves no SQLite file behind.
+  EXPECT_EQ(fs::exists(dir + "/fresh/stores/machine.db"), location.empty());
   Outcome q = quenReg("query 'HKLM\\Software\\Example'");
   EXPECT_EQ(q.status, 0);
   EXPECT_EQ(q.out, "HKEY_LOCAL_MACHINE\\Software\\Example\n    Greeting    REG_SZ    hello\n");
 }
 
-TEST_F(QuenReg, TypesSubKeysAndLongOptions) {
+TEST_P(QuenRegStores, TypesSubKeysAndLongOptions) {
   ASSERT_EQ(quenReg("add HKCU\\\\Software\\\\Ex --value Count --type REG_DWORD --data 0x2a").status, 0);
   ASSERT_EQ(quenReg("add HKCU\\\\Software\\\\Ex\\\\Sub --value=List --type=multi_sz --data 'a\\0b'").status, 0);
   ASSERT_EQ(quenReg("add HKEY_CURRENT_USER\\\\Software\\\\Ex /ve /d dflt").status, 0);
@@ -52,7 +97,7 @@ TEST_F(QuenReg, TypesSubKeysAndLongOptions) {
       << rec.out;
 }
 
-TEST_F(QuenReg, ExportDeleteImportCopy) {
+TEST_P(QuenRegStores, ExportDeleteImportCopy) {
   ASSERT_EQ(quenReg("add HKCU\\\\A\\\\B /v x /d 1").status, 0);
   ASSERT_EQ(quenReg("add HKCU\\\\A /v n /t REG_DWORD /d 5").status, 0);
   std::string file = dir + "/a.reg";
@@ -94,6 +139,18 @@ TEST_F(QuenReg, BadInputFailsWithAMessage) {
       {"query", "quen: quen reg query takes 1 argument(s); see quen reg --help\n"},
       {"delete HKLM", "quen: refusing to delete a whole root\n"},
       {"add HKCU\\\\a --bogus", "quen: unknown option --bogus\n"},
+      {"--store etcd:/127.0.0.1:2379 query HKLM",
+       "quen: --store etcd:/127.0.0.1:2379: not a store location (use sqlite, or etcd://HOST:PORT[,HOST:PORT...])\n"},
+      {"query HKLM --store mysql", "quen: --store mysql: not a store location (use sqlite, or etcd://HOST:PORT[,HOST:PORT...])\n"},
+      {"store HKLM", "quen: quen reg store takes 0 argument(s); see quen reg --help\n"},
+      {"migrate HKCU\\\\a", "quen: quen reg migrate needs --to etcd://HOST:PORT[,HOST:PORT...]\n"},
+      {"migrate HKCU\\\\a --to sqlite",
+       "quen: --to sqlite: not an etcd cluster (use sqlite, or etcd://HOST:PORT[,HOST:PORT...])\n"},
+      {"migrate HKCU\\\\a --to etcd://127.0.0.1:9 --store etcd://127.0.0.1:9",
+       "quen: quen reg migrate reads the SQLite store; name the etcd cluster with --to\n"},
+      // The source is read before the cluster is contacted (port 9 has no etcd).
+      {"migrate HKCU\\\\missing --to etcd://127.0.0.1:9",
+       "quen: HKEY_CURRENT_USER\\missing: the key or value does not exist\n"},
   };
   for (auto const& r : rows) {
     Outcome run = quenReg(r.args);
@@ -108,4 +165,90 @@ TEST_F(QuenReg, BadInputFailsWithAMessage) {
   Outcome help = quenReg("--help");
   EXPECT_EQ(help.status, 0);
   EXPECT_EQ(help.out.rfind("Usage:\n  quen reg query", 0), 0u);
+}
+
+TEST_F(QuenReg, StorePrintsTheStoreInForce) {
+  std::string const endpointsDir = dir + "/with-endpoints";
+  fs::create_directories(endpointsDir);
+  quentest::WriteFile(endpointsDir + "/etcd-endpoints", "etcd://10.0.0.5:2379,10.0.0.6:2379\n");
+  struct {
+    std::string env, args, out;
+  } const rows[] = {
+      {"", "store", "sqlite\n"},
+      {"QUENLIB_REGISTRY_ETCD=http://127.0.0.1:2379,http://10.0.0.6:2379", "store", "etcd://127.0.0.1:2379,10.0.0.6:2379\n"},
+      {"QUENLIB_REGISTRY_ETCD=127.0.0.1:2379", "--store sqlite store", "sqlite\n"},
+      {"", "--store=etcd://127.0.0.1:2379 store", "etcd://127.0.0.1:2379\n"},
+      {"QUENLIB_REGISTRY_DIR=" + endpointsDir, "store", "etcd://10.0.0.5:2379,10.0.0.6:2379\n"},
+  };
+  for (auto const& r : rows) {
+    Outcome run = quentest::RunQuen("reg " + r.args, r.env);
+    EXPECT_EQ(run.status, 0) << r.env << " " << r.args;
+    EXPECT_EQ(run.out, r.out) << r.env << " " << r.args;
+  }
+}
+
+TEST_F(QuenRegEtcd, MigrateCopiesTheTreeExactlyAndRefusesToOverwrite) {
+  using namespace QuenLibA500;
+  // The source, in SQLite: every type, bytes a string copy would lose, an
+  // empty sub-key, a key open to everybody, and names in mixed case.
+  rawSet(HKEY_CURRENT_USER, "Software\\MiXed", "", REG_SZ, std::string("dflt\0", 5));
+  rawSet(HKEY_CURRENT_USER, "Software\\MiXed", "Bin", REG_BINARY, std::string("\0\xff\0", 3));
+  rawSet(HKEY_CURRENT_USER, "Software\\MiXed", "Path", REG_EXPAND_SZ, std::string("%HOME%\\x\0", 9));
+  rawSet(HKEY_CURRENT_USER, "Software\\MiXed", "Big", REG_QWORD, std::string("\1\0\0\0\2\0\0\0", 8));
+  rawSet(HKEY_CURRENT_USER, "Software\\MiXed\\Sub", "List", REG_MULTI_SZ, std::string("a\0b\0\0", 5));
+  rawSet(HKEY_CURRENT_USER, "Software\\MiXed\\Sub", "None", REG_NONE, "");
+  SECURITY_DESCRIPTOR sd{};
+  InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION);
+  SetSecurityDescriptorDacl(&sd, 1, nullptr, 0);
+  SECURITY_ATTRIBUTES sa{sizeof sa, &sd, 0};
+  HKEY k = nullptr;
+  ASSERT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "Software\\MiXed\\Open", 0, nullptr, 0, KEY_ALL_ACCESS, &sa, &k, nullptr),
+            ERROR_SUCCESS);
+  RegCloseKey(k);
+
+  // Typed in another case: the cluster gets the created spelling.
+  std::string const migrate = "migrate 'HKCU\\software\\MIXED' --to " + location;
+  Outcome m = quenReg(migrate);
+  ASSERT_EQ(m.status, 0) << m.out;
+  EXPECT_EQ(m.out, "copied 3 keys and 6 values from HKEY_CURRENT_USER\\Software\\MiXed to " + location + "\n");
+  std::string const fromSqlite = quenReg("export HKCU\\\\Software -").out;
+  EXPECT_NE(fromSqlite.find("[HKEY_CURRENT_USER\\Software\\MiXed\\Sub]"), std::string::npos) << fromSqlite;
+  EXPECT_EQ(quenReg("--store " + location + " export HKCU\\\\Software -").out, fromSqlite);
+  ASSERT_EQ(RegSelectStore(location.c_str()), ERROR_SUCCESS);
+  BOOL open = 0, closed = 1;
+  ASSERT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "Software\\Mixed\\Open", 0, KEY_READ, &k), ERROR_SUCCESS);
+  EXPECT_EQ(RegQueryKeyOpenToEverybody(k, &open), ERROR_SUCCESS);
+  RegCloseKey(k);
+  ASSERT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, "Software\\Mixed\\Sub", 0, KEY_READ, &k), ERROR_SUCCESS);
+  EXPECT_EQ(RegQueryKeyOpenToEverybody(k, &closed), ERROR_SUCCESS);
+  RegCloseKey(k);
+  RegSelectStore("sqlite");
+  EXPECT_EQ(open, 1);
+  EXPECT_EQ(closed, 0);
+
+  Outcome again = quenReg(migrate);
+  EXPECT_EQ(again.status, 1);
+  EXPECT_EQ(again.out, "quen: HKEY_CURRENT_USER\\Software\\MiXed already exists in " + location +
+                           "; use --overwrite to replace it\n");
+  // --overwrite replaces the tree: what only the cluster had is gone.
+  ASSERT_EQ(quenReg("--store " + location + " add HKCU\\\\Software\\\\MiXed\\\\Extra /v x /d 1").status, 0);
+  ASSERT_EQ(quenReg("delete HKCU\\\\Software\\\\MiXed /v Bin").status, 0);
+  Outcome over = quenReg(migrate + " --overwrite");
+  EXPECT_EQ(over.out, "copied 3 keys and 5 values from HKEY_CURRENT_USER\\Software\\MiXed to " + location + "\n");
+  EXPECT_EQ(quenReg("--store " + location + " export HKCU\\\\Software -").out, quenReg("export HKCU\\\\Software -").out);
+}
+
+TEST_F(QuenReg, AClusterOutOfReachFailsWithTheError) {
+  // Nothing listens on port 1 of the loopback address.
+  std::string const nowhere = "etcd://127.0.0.1:1", env = "QUENLIB_REGISTRY_ETCD_TIMEOUT_MS=500";
+  Outcome q = quentest::RunQuen("reg --store " + nowhere + " query HKLM\\\\Software", env);
+  EXPECT_EQ(q.status, 1);
+  EXPECT_NE(q.out.find("quen: HKEY_LOCAL_MACHINE\\Software: the etcd cluster " + nowhere +
+                       " did not answer in time or refused the request\n"),
+            std::string::npos)
+      << q.out;
+  ASSERT_EQ(quenReg("add HKCU\\\\Src /v a /d 1").status, 0);
+  Outcome m = quentest::RunQuen("reg migrate HKCU\\\\Src --to " + nowhere, env);
+  EXPECT_EQ(m.status, 1);
+  EXPECT_NE(m.out.find("quen: HKEY_CURRENT_USER\\Src in " + nowhere + ": the etcd cluster"), std::string::npos) << m.out;
 }

@@ -1,8 +1,10 @@
 // quen reg: inspect and edit the registry stores, export and import
-// registry files. Arguments take both the classic slash forms (/v /t /d /f)
-// and Linux-style long options (--value --type --data --force).
+// registry files, pick the store (SQLite or an etcd cluster) and copy trees
+// from SQLite into etcd. Arguments take both the classic slash forms
+// (/v /t /d /f) and Linux-style long options (--value --type --data --force).
 #include <quenlib/regapi.h>
 #include <quenlib/regfile.h>
+#include <quenlib/simap.h>
 
 #include <strings.h>
 #include <unistd.h>
@@ -34,6 +36,8 @@ char const kUsage[] =
     "  quen reg copy   KEY1 KEY2 [/s] [/f]\n"
     "  quen reg export KEY FILE [/y]\n"
     "  quen reg import FILE\n"
+    "  quen reg store\n"
+    "  quen reg migrate KEY --to etcd://HOST:PORT[,HOST:PORT...] [--overwrite]\n"
     "\n"
     "KEY is ROOT\\path\\to\\key; ROOT is HKLM, HKCU, HKU, HKCR or the full\n"
     "name (HKEY_LOCAL_MACHINE, ...). FILE may be - for standard output/input.\n"
@@ -52,13 +56,23 @@ char const kUsage[] =
     "  /f        --force          accepted for compatibility; quen never prompts\n"
     "  /y        --yes            export: overwrite an existing FILE\n"
     "            --dir DIR        use the stores in DIR (sets QUENLIB_REGISTRY_DIR)\n"
+    "            --store LOCATION any action: the store to use, sqlite or an etcd\n"
+    "                             cluster etcd://HOST:PORT[,HOST:PORT...]\n"
+    "            --to LOCATION    migrate: the etcd cluster to copy into\n"
+    "            --overwrite      migrate: replace KEY when the cluster holds it\n"
+    "\n"
+    "store prints the store in force. migrate copies KEY and everything below\n"
+    "it from the SQLite store into the etcd cluster, types and bytes exactly.\n"
     "\n"
     "Examples:\n"
     "  quen reg add 'HKLM\\Software\\Example' /v Greeting /d hello\n"
     "  quen reg query 'HKLM\\Software\\Example'\n"
     "  quen reg add HKCU\\Software\\Example --value Count --type REG_DWORD --data 42\n"
     "  quen reg export HKLM\\Software\\Example example.reg\n"
-    "  quen reg import example.reg\n";
+    "  quen reg import example.reg\n"
+    "  quen reg --store etcd://127.0.0.1:2379 query 'HKLM\\Software\\Example' /s\n"
+    "  quen reg migrate 'HKLM\\Software\\Example' --to etcd://10.0.0.5:2379,10.0.0.6:2379\n"
+    "  QUENLIB_REGISTRY_ETCD=http://127.0.0.1:2379 quen reg store\n";
 
 [[noreturn]] void fail(std::string const& message, int code = 1) { throw QuenExit{code, message}; }
 
@@ -68,6 +82,10 @@ std::string errorText(LONG rc) {
     case ERROR_ACCESS_DENIED: return "access denied (the store cannot be written, or the key has sub-keys)";
     case ERROR_BAD_PATHNAME: return "bad key path";
     case ERROR_INVALID_PARAMETER: return "invalid parameter";
+    case ERROR_KEY_DELETED: return "the key was deleted meanwhile";
+    case ERROR_REGISTRY_IO_FAILED:
+      if (RegStoreLocation() == "sqlite") return "the store could not be read or written";
+      return "the etcd cluster " + RegStoreLocation() + " did not answer in time or refused the request";
     default: return "error " + std::to_string(rc);
   }
 }
@@ -78,6 +96,8 @@ struct Args {
   std::string value, type = "REG_SZ", data, separator = std::string("\\0");
   bool hasValue = false, defaultValue = false, allValues = false, hasData = false;
   bool recurse = false, overwrite = false, help = false;
+  std::string store, to;  // --store, --to
+  bool hasStore = false, replaceTarget = false;
 };
 
 bool isFlag(std::string const& a, char const* slash, char const* dash) {
@@ -116,6 +136,9 @@ Args parseArgs(std::vector<std::string> in) {
     else if (isFlag(w, "/f", "--force")) continue;
     else if (isFlag(w, "/y", "--yes")) a.overwrite = true;
     else if (w == "--dir") setenv("QUENLIB_REGISTRY_DIR", takeArg(words, i, w).c_str(), 1);
+    else if (w == "--store") a.store = takeArg(words, i, w), a.hasStore = true;
+    else if (w == "--to") a.to = takeArg(words, i, w);
+    else if (w == "--overwrite") a.replaceTarget = true;
     else if (w.size() > 1 && w[0] == '-' && w != "-") fail("unknown option " + w);
     else if (a.action.empty()) a.action = w;
     else a.positional.push_back(w);
@@ -444,17 +467,194 @@ void doImport(Args const& a) {
   if (file.import(&error) != ERROR_SUCCESS) fail(error);
 }
 
+// ---------------------------------------------------------------- stores
+
+char const kLocationHint[] = "use sqlite, or etcd://HOST:PORT[,HOST:PORT...]";
+
+void selectStore(std::string const& location, char const* option) {
+  if (RegSelectStore(location.c_str()) != ERROR_SUCCESS)
+    fail(std::string(option) + " " + location + ": not a store location (" + kLocationHint + ")");
+}
+
+void doStore(Args const& a) {
+  needPositional(a, 0);
+  std::cout << RegStoreLocation() << "\n";
+}
+
+std::string joinKey(std::string const& parent, std::string const& child) {
+  return parent.empty() ? child : parent + "\\" + child;
+}
+
+// The spelling the store keeps for sub-key `asked` of `parent`: the name a
+// key was created with, which a case-insensitive look-up does not return.
+std::string storedSubKeyName(HKEY root, std::string const& parent, std::string const& asked) {
+  HKEY k = nullptr;
+  if (RegOpenKeyExA(root, parent.c_str(), 0, KEY_READ, &k) != ERROR_SUCCESS) return asked;
+  std::vector<std::string> const names = subKeys(k);
+  RegCloseKey(k);
+  std::string const folded = LowerCaseForKey(asked.data(), static_cast<unsigned>(asked.size()));
+  for (auto const& name : names)
+    if (name == asked || LowerCaseForKey(name.data(), static_cast<unsigned>(name.size())) == folded) return name;
+  return asked;
+}
+
+// `key` with every component in its stored spelling.
+KeyName storedSpelling(KeyName const& key) {
+  KeyName out = key;
+  out.rest.clear();
+  size_t pos = 0;
+  while (!key.rest.empty()) {
+    size_t cut = key.rest.find('\\', pos);
+    std::string part = key.rest.substr(pos, cut == std::string::npos ? std::string::npos : cut - pos);
+    out.rest = joinKey(out.rest, storedSubKeyName(key.root, out.rest, part));
+    if (cut == std::string::npos) break;
+    pos = cut + 1;
+  }
+  return out;
+}
+
+// The path below the root of a block exported from `key`'s tree.
+std::string restOf(KeyName const& key, std::string const& blockPath) {
+  return blockPath.size() > key.rootName.size() ? blockPath.substr(key.rootName.size() + 1) : std::string();
+}
+
+struct SourceTree {
+  RegFile tree;
+  std::vector<bool> openToAll;  // per block: created with a null access list
+  size_t values = 0;
+};
+
+SourceTree readSource(KeyName const& key) {
+  SourceTree src;
+  LONG rc = src.tree.exportKey(key.full());
+  if (rc != ERROR_SUCCESS) fail(key.full() + ": " + errorText(rc));
+  for (auto const& block : src.tree.keys) {
+    HKEY k = nullptr;
+    BOOL open = 0;
+    if (RegOpenKeyExA(key.root, restOf(key, block.path).c_str(), 0, KEY_READ, &k) == ERROR_SUCCESS) {
+      RegQueryKeyOpenToEverybody(k, &open);
+      RegCloseKey(k);
+    }
+    src.openToAll.push_back(open != 0);
+    src.values += block.values.size();
+  }
+  return src;
+}
+
+// Whether the selected store already has the key (a root: any content).
+bool targetHolds(KeyName const& key, std::string const& where) {
+  HKEY k = nullptr;
+  LONG rc = RegOpenKeyExA(key.root, key.rest.c_str(), 0, KEY_READ, &k);
+  if (rc == ERROR_FILE_NOT_FOUND) return false;
+  if (rc != ERROR_SUCCESS) fail(key.full() + " in " + where + ": " + errorText(rc));
+  DWORD subs = 0, values = 0;
+  rc = RegQueryInfoKeyCounts(k, &subs, &values);
+  RegCloseKey(k);
+  if (rc != ERROR_SUCCESS) fail(key.full() + " in " + where + ": " + errorText(rc));
+  return !key.rest.empty() || subs + values > 0;
+}
+
+// Empties the target: the key's tree, or a root's sub-keys and values.
+void clearTarget(KeyName const& key, std::string const& where) {
+  if (!key.rest.empty()) {
+    LONG rc = RegFile::DeleteTree(key.root, key.rest);
+    if (rc != ERROR_SUCCESS) fail("deleting " + key.full() + " in " + where + ": " + errorText(rc));
+    return;
+  }
+  Key root(key, KEY_ALL_ACCESS, false);
+  for (auto const& sub : subKeys(root.get())) {
+    LONG rc = RegFile::DeleteTree(key.root, sub);
+    if (rc != ERROR_SUCCESS) fail("deleting " + key.full() + "\\" + sub + " in " + where + ": " + errorText(rc));
+  }
+  std::vector<char> name(16385);
+  for (DWORD chars = static_cast<DWORD>(name.size());
+       RegEnumValueA(root.get(), 0, name.data(), &chars, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
+       chars = static_cast<DWORD>(name.size())) {
+    LONG rc = RegDeleteValueA(root.get(), name.data());
+    if (rc != ERROR_SUCCESS) fail("deleting values of " + key.full() + " in " + where + ": " + errorText(rc));
+  }
+}
+
+std::string counted(size_t n, char const* one, char const* many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+// Creates every key of the tree, parents first, and writes its values. A key
+// created open to everybody in the source is created so here too.
+void writeTree(KeyName const& key, SourceTree const& src, std::string const& where) {
+  SECURITY_DESCRIPTOR openSd{};
+  InitializeSecurityDescriptor(&openSd, SECURITY_DESCRIPTOR_REVISION);
+  SetSecurityDescriptorDacl(&openSd, 1, nullptr, 0);
+  SECURITY_ATTRIBUTES openSa{sizeof openSa, &openSd, 0};
+  size_t keysDone = 0, valuesDone = 0;
+  auto failed = [&](std::string const& what, LONG rc) {
+    fail("writing " + what + " in " + where + ": " + errorText(rc) + " (" + counted(keysDone, "key", "keys") +
+         " and " + counted(valuesDone, "value", "values") + " copied before it; run again with --overwrite)");
+  };
+  for (size_t i = 0; i < src.tree.keys.size(); ++i) {
+    RegFileKey const& block = src.tree.keys[i];
+    HKEY k = nullptr;
+    LONG rc = RegCreateKeyExA(key.root, restOf(key, block.path).c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
+                              src.openToAll[i] ? &openSa : nullptr, &k, nullptr);
+    if (rc != ERROR_SUCCESS) failed(block.path, rc);
+    ++keysDone;
+    for (auto const& v : block.values) {
+      rc = RegSetValueExA(k, v.name.c_str(), 0, v.type, reinterpret_cast<BYTE const*>(v.data.data()),
+                          static_cast<DWORD>(v.data.size()));
+      if (rc != ERROR_SUCCESS) {
+        RegCloseKey(k);
+        failed(block.path + " " + valueLabel(v.name), rc);
+      }
+      ++valuesDone;
+    }
+    RegCloseKey(k);
+  }
+}
+
+void doMigrate(Args const& a) {
+  needPositional(a, 1);
+  if (a.to.empty()) fail("quen reg migrate needs --to etcd://HOST:PORT[,HOST:PORT...]");
+  if (a.hasStore && RegStoreLocation() != "sqlite")
+    fail("quen reg migrate reads the SQLite store; name the etcd cluster with --to");
+  KeyName const typed = splitKey(a.positional[0]);
+  selectStore(a.to, "--to");
+  if (RegStoreLocation() == "sqlite") fail("--to " + a.to + ": not an etcd cluster (" + kLocationHint + ")");
+
+  // The whole source is read before anything is written.
+  selectStore("sqlite", "--store");
+  KeyName const key = storedSpelling(typed);
+  SourceTree const src = readSource(key);
+
+  selectStore(a.to, "--to");
+  if (targetHolds(key, a.to)) {
+    if (!a.replaceTarget) fail(key.full() + " already exists in " + a.to + "; use --overwrite to replace it");
+    clearTarget(key, a.to);
+  }
+  writeTree(key, src, a.to);
+
+  // Read the copy back: the cluster must now hold exactly the source tree.
+  RegFile copy;
+  LONG rc = copy.exportKey(key.full());
+  if (rc != ERROR_SUCCESS) fail("reading back " + key.full() + " in " + a.to + ": " + errorText(rc));
+  if (copy.keys != src.tree.keys)
+    fail("the copy of " + key.full() + " in " + a.to + " differs from the source (another writer changed it?)");
+  std::cout << "copied " << counted(src.tree.keys.size(), "key", "keys") << " and "
+            << counted(src.values, "value", "values") << " from " << key.full() << " to " << a.to << "\n";
+}
+
 void run(std::vector<std::string> const& words) {
   Args a = parseArgs(words);
   if (a.help || a.action.empty()) {
     std::cout << kUsage;
     return;
   }
+  if (a.hasStore) selectStore(a.store, "--store");
   struct {
     char const* name;
     void (*fn)(Args const&);
   } const actions[] = {{"query", doQuery}, {"add", doAdd},       {"delete", doDelete},
-                       {"copy", doCopy},   {"export", doExport}, {"import", doImport}};
+                       {"copy", doCopy},   {"export", doExport}, {"import", doImport},
+                       {"store", doStore}, {"migrate", doMigrate}};
   for (auto const& act : actions)
     if (strcasecmp(a.action.c_str(), act.name) == 0) return act.fn(a);
   fail("unknown action " + a.action + "; see quen reg --help");
