@@ -239,7 +239,10 @@ std::string const& endpointFile(Selector& s, std::string const& dir) {
 
 std::string joinUrls(std::vector<std::string> const& urls) {
   std::string s = "etcd://";
-  for (size_t i = 0; i < urls.size(); ++i) s += (i ? "," : "") + urls[i].substr(7);  // less "http://"
+  for (size_t i = 0; i < urls.size(); ++i) {
+    if (i) s += ',';
+    s.append(urls[i], 7);  // less "http://"
+  }
   return s;
 }
 
