@@ -59,19 +59,29 @@ class StoreTest : public ::testing::Test {
   TempDir scratch_;
 };
 
-enum class StoreKind { Sqlite, Etcd };
+// Etcd: one member; EtcdThreeMembers: a cluster of three, each request
+// going through one member and replicated to the others.
+enum class StoreKind { Sqlite, Etcd, EtcdThreeMembers };
 
 inline std::string storeName(::testing::TestParamInfo<StoreKind> const& info) {
-  return info.param == StoreKind::Sqlite ? "Sqlite" : "Etcd";
+  switch (info.param) {
+    case StoreKind::Sqlite: return "Sqlite";
+    case StoreKind::Etcd: return "Etcd";
+    case StoreKind::EtcdThreeMembers: return "EtcdThreeMembers";
+  }
+  return "Unknown";
 }
 
-// One etcd member for the whole test program, started by the first test
-// that needs it; null (with the reason in `why`) when it cannot start.
-inline EtcdCluster* sharedEtcd(std::string& why) {
-  static std::unique_ptr<EtcdCluster> etcd;
-  static std::string error;
+// One etcd cluster of each size for the whole test program, started by the
+// first test that needs it; null (with the reason in `why`) when it cannot
+// start.
+inline EtcdCluster* sharedEtcd(int members, std::string& why) {
+  static std::unique_ptr<EtcdCluster> clusters[2];
+  static std::string errors[2];
+  std::unique_ptr<EtcdCluster>& etcd = clusters[members == 1 ? 0 : 1];
+  std::string& error = errors[members == 1 ? 0 : 1];
   if (!etcd && error.empty()) {
-    auto started = std::make_unique<EtcdCluster>(1);
+    auto started = std::make_unique<EtcdCluster>(members);
     if (started->start()) etcd = std::move(started);
     else error = started->error();
   }
@@ -100,10 +110,10 @@ class StoreParamTest : public StoreTest, public ::testing::WithParamInterface<St
   void SetUp() override {
     StoreTest::SetUp();
     unsetEtcd();
-    if (GetParam() != StoreKind::Etcd) return;
+    if (GetParam() == StoreKind::Sqlite) return;
     if (EtcdCluster::program().empty()) GTEST_SKIP() << "etcd is not installed (Debian etcd-server)";
     std::string why;
-    EtcdCluster* etcd = sharedEtcd(why);
+    EtcdCluster* etcd = sharedEtcd(GetParam() == StoreKind::Etcd ? 1 : 3, why);
     ASSERT_NE(etcd, nullptr) << why;
     useEtcd(etcd->endpoints());
   }
@@ -111,7 +121,7 @@ class StoreParamTest : public StoreTest, public ::testing::WithParamInterface<St
     unsetEtcd();
     StoreTest::TearDown();
   }
-  bool onEtcd() const { return GetParam() == StoreKind::Etcd; }
+  bool onEtcd() const { return GetParam() != StoreKind::Sqlite; }
 };
 
 }  // namespace quentest

@@ -26,7 +26,7 @@ class QuenReg : public quentest::StoreTest {
   void useEtcdMember() {
     if (quentest::EtcdCluster::program().empty()) GTEST_SKIP() << "etcd is not installed (Debian etcd-server)";
     std::string why;
-    quentest::EtcdCluster* etcd = quentest::sharedEtcd(why);
+    quentest::EtcdCluster* etcd = quentest::sharedEtcd(1, why);
     ASSERT_NE(etcd, nullptr) << why;
     quentest::useEtcd(etcd->endpoints());
     ::unsetenv("QUENLIB_REGISTRY_ETCD");  // quen is told the cluster on its command line only

@@ -34,7 +34,8 @@ Registry reg(char const* path, HKEY root = HKEY_CURRENT_USER) { return Registry(
 }  // namespace
 
 INSTANTIATE_TEST_SUITE_P(Stores, RegistryTest,
-                         ::testing::Values(quentest::StoreKind::Sqlite, quentest::StoreKind::Etcd), quentest::storeName);
+                         ::testing::Values(quentest::StoreKind::Sqlite, quentest::StoreKind::Etcd,
+                                           quentest::StoreKind::EtcdThreeMembers), quentest::storeName);
 
 TEST_P(RegistryTest, ReadsEachTypeAsText) {
   setenv("QL_REG_TEST_HOME", "/home/tester", 1);

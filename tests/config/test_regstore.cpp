@@ -60,7 +60,8 @@ using RegStoreFiles = RegStoreT<quentest::StoreTest>;
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(Stores, RegStore, ::testing::Values(quentest::StoreKind::Sqlite, quentest::StoreKind::Etcd),
+INSTANTIATE_TEST_SUITE_P(Stores, RegStore, ::testing::Values(quentest::StoreKind::Sqlite, quentest::StoreKind::Etcd,
+                                           quentest::StoreKind::EtcdThreeMembers),
                          quentest::storeName);
 
 TEST_P(RegStore, CreateSetQueryRoundTripForEveryType) {

@@ -32,7 +32,7 @@ class RegEtcd : public quentest::StoreTest {
   // The shared member, under a fresh prefix.
   std::string useShared() {
     std::string why;
-    quentest::EtcdCluster* etcd = quentest::sharedEtcd(why);
+    quentest::EtcdCluster* etcd = quentest::sharedEtcd(1, why);
     EXPECT_NE(etcd, nullptr) << why;
     if (!etcd) return {};
     quentest::useEtcd(etcd->endpoints());
