@@ -272,9 +272,12 @@ Span valuesSpan(std::string const& rel) {
 }
 
 struct Compare {
+  Compare(std::string r, bool m, int64_t rev, std::string e = {})
+      : rel(std::move(r)), mod(m), revision(rev), end(std::move(e)) {}
   std::string rel;
   bool mod;  // mod revision, else create revision
   int64_t revision;
+  std::string end;  // when set, every key of [rel, end) must match (an empty range does)
 };
 
 struct Op {
@@ -283,6 +286,18 @@ struct Op {
   std::string record;    // a put of this record otherwise
   bool creates = false;  // the put makes a new key (guarded by its absence)
 };
+
+// Adds to a value's transaction the rewrite of its key's record with a new
+// last-write time, guarded by the key's identity (its create revision). The
+// root has no record.
+void touchKey(Mirror const& m, std::string const& rel, int64_t id, std::vector<Compare>& cmps,
+              std::vector<Op>& ops) {
+  if (rel.empty()) return;
+  Entry k = *findEntry(m, rel);
+  k.mtime = nowFileTime();
+  cmps.push_back({rel, false, id});
+  ops.push_back({rel, {}, keyRecord(k)});
+}
 
 class Cluster;
 
@@ -360,6 +375,11 @@ class EtcdStore : public regstore::Store {
   void applyWatch(etcd::WatchMessage const& msg);
   void applyPut(etcd::Kv const& kv);
   std::string full(std::string_view rel) const { return base_ + std::string(rel); }
+  // Whether the cache has reached the revision that made the key a handle
+  // names (its id). A handle to a key made later (by another process, and
+  // found through the cluster) is news to the cache: what the cache lacks
+  // about it proves nothing, so such reads go to the cluster.
+  bool knows(int64_t keyId) const { return keyId <= watchRev_.load(std::memory_order_acquire); }
 
   std::shared_ptr<Cluster> cluster_;
   std::string base_;
@@ -370,7 +390,9 @@ class EtcdStore : public regstore::Store {
     int64_t revision;
   };
   std::vector<Tombstone> tombstones_;  // own deletes the watch has not yet reported
-  int64_t watchRev_ = 0;               // the last revision the watch delivered
+  // The last revision the watch delivered (or the refill read). Changed
+  // under the cache's exclusive lock; read without it by knows().
+  std::atomic<int64_t> watchRev_{0};
   bool filled_ = false;
   std::atomic<bool> live_{false};
   std::atomic<bool> watching_{false};
@@ -525,6 +547,7 @@ json txnBody(std::string const& base, std::vector<Compare> const& cmps,
     json j{{"key", keyJson(base + c.rel)}, {"result", "EQUAL"}};
     j["target"] = c.mod ? "MOD" : "CREATE";
     j[c.mod ? "mod_revision" : "create_revision"] = std::to_string(c.revision);
+    if (!c.end.empty()) j["range_end"] = keyJson(base + c.end);
     compare.push_back(std::move(j));
   }
   for (auto const& op : ops) {
@@ -616,7 +639,7 @@ LONG EtcdStore::queryValue(KeyRef const& key, std::string const& nameFold, DWORD
       [&] {
         return std::vector<Span>{oneKey(rel), oneKey(vkey)};
       },
-      false,
+      !knows(key.id),
       [&](Mirror const& m) {
         Entry const* v = findEntry(m, vkey);
         if (!v || !alive(m, rel, key.id)) return ERROR_FILE_NOT_FOUND;
@@ -631,7 +654,7 @@ LONG EtcdStore::enumKey(KeyRef const& key, DWORD index, SubKeyOut const& out) {
       [&] {
         return std::vector<Span>{oneKey(rel), children(rel)};
       },
-      false,
+      !knows(key.id),
       [&](Mirror const& m) {
         if (!alive(m, rel, key.id)) return ERROR_NO_MORE_ITEMS;
         Entry const* found = nullptr;
@@ -657,7 +680,7 @@ LONG EtcdStore::enumValue(KeyRef const& key, DWORD index, ValueOut const& out) {
       [&] {
         return std::vector<Span>{oneKey(rel), valuesSpan(rel)};
       },
-      false,
+      !knows(key.id),
       [&](Mirror const& m) {
         if (!alive(m, rel, key.id)) return ERROR_NO_MORE_ITEMS;
         std::vector<Entry const*> values = valuesOf(m, rel);
@@ -676,7 +699,7 @@ LONG EtcdStore::counts(KeyRef const& key, DWORD& subKeys, DWORD& values) {
       [&] {
         return std::vector<Span>{oneKey(rel), children(rel), valuesSpan(rel)};
       },
-      false,
+      !knows(key.id),
       [&](Mirror const& m) {
         if (!alive(m, rel, key.id)) return ERROR_SUCCESS;
         forEachChild(m, rel, [&](Entry const&) { return ++subKeys != 0; });
@@ -691,7 +714,7 @@ LONG EtcdStore::openToEverybody(KeyRef const& key, BOOL& isOpen) {
     isOpen = 0;
     return ERROR_SUCCESS;
   }
-  return read([&] { return std::vector<Span>{oneKey(rel)}; }, false,
+  return read([&] { return std::vector<Span>{oneKey(rel)}; }, !knows(key.id),
               [&](Mirror const& m) {
                 Entry const* e = findEntry(m, rel);
                 if (!e || e->createRev != key.id) return ERROR_KEY_DELETED;
@@ -758,7 +781,7 @@ LONG EtcdStore::writeTree(KeyRef const& root, std::vector<TreeValue> const& valu
   TreePlan const plan = planTree(*root.pathFold, values);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     bool retry = false;
-    LONG rc = writeTreeOnce(root, plan, attempt > 0, retry);
+    LONG rc = writeTreeOnce(root, plan, attempt > 0 || !knows(root.id), retry);
     if (!retry) return rc;
   }
   QL_TRACE_ERROR("registry: writing a tree kept meeting concurrent changes");
@@ -843,7 +866,7 @@ LONG EtcdStore::createKey(KeyRef const& base, std::vector<std::string_view> cons
   created = false;
   std::string const baseRel = relKey(*base.pathFold);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    bool const fresh = attempt > 0;
+    bool const fresh = attempt > 0 || !knows(base.id);
     if (parts.empty()) {
       id = base.id;
       return read([&] { return std::vector<Span>{oneKey(baseRel)}; }, fresh,
@@ -940,7 +963,7 @@ LONG EtcdStore::setValue(KeyRef const& key, std::string_view name, std::string c
         [&] {
           return std::vector<Span>{oneKey(rel), oneKey(vkey)};
         },
-        attempt > 0,
+        attempt > 0 || !knows(key.id),
         [&](Mirror const& m) {
           if (!alive(m, rel, key.id)) return ERROR_KEY_DELETED;
           Entry const* old = findEntry(m, vkey);
@@ -950,11 +973,7 @@ LONG EtcdStore::setValue(KeyRef const& key, std::string_view name, std::string c
           // needs no check (it keeps the spelling it read, whoever wrote last).
           if (!old) cmps.push_back({vkey, true, 0});
           ops.push_back({vkey, {}, valueRecord(spelling, type, bytes)});
-          if (rel.empty()) return ERROR_SUCCESS;
-          Entry k = *findEntry(m, rel);
-          k.mtime = nowFileTime();
-          cmps.push_back({rel, false, key.id});
-          ops.push_back({rel, {}, keyRecord(k)});
+          touchKey(m, rel, key.id, cmps, ops);
           return ERROR_SUCCESS;
         });
     if (rc != ERROR_SUCCESS) return rc;
@@ -976,17 +995,13 @@ LONG EtcdStore::deleteValue(KeyRef const& key, std::string const& nameFold) {
         [&] {
           return std::vector<Span>{oneKey(rel), oneKey(vkey)};
         },
-        attempt > 0,
+        attempt > 0 || !knows(key.id),
         [&](Mirror const& m) {
           Entry const* old = findEntry(m, vkey);
           if (!old || !alive(m, rel, key.id)) return ERROR_FILE_NOT_FOUND;
           cmps.push_back({vkey, true, old->modRev});
           ops.push_back({vkey, vkey + '\1', {}});  // exactly this key: nothing sorts between
-          if (rel.empty()) return ERROR_SUCCESS;
-          Entry k = *findEntry(m, rel);
-          k.mtime = nowFileTime();
-          cmps.push_back({rel, false, key.id});
-          ops.push_back({rel, {}, keyRecord(k)});
+          touchKey(m, rel, key.id, cmps, ops);
           return ERROR_SUCCESS;
         });
     if (rc != ERROR_SUCCESS) return rc;
@@ -1017,9 +1032,13 @@ LONG EtcdStore::deleteKey(KeyRef const&, std::string const& pathFold) {
           return ERROR_SUCCESS;
         });
     if (rc != ERROR_SUCCESS) return rc;
-    // The key, its values and (none, as checked) its tree: one range.
+    // The key, its values and (none, as checked) its tree: one range. The
+    // check that no sub-key exists is repeated in the transaction: a
+    // sub-key another process made a moment ago may not be in the cache
+    // yet, and the range delete would take it along.
     bool ok = false;
-    rc = commit({{rel, true, modRev}}, {{rel, rel + '\2', {}}}, ok);
+    Compare const noSubKeys{rel + '\1', false, 0, rel + '\2'};
+    rc = commit({{rel, true, modRev}, noSubKeys}, {{rel, rel + '\2', {}}}, ok);
     if (rc != ERROR_SUCCESS || ok) return rc;
   }
   QL_TRACE_ERROR("registry: deleting a key kept meeting concurrent changes");
@@ -1095,7 +1114,7 @@ bool EtcdStore::refill() {
       it = it->second.modRev < t.revision ? fresh.erase(it) : std::next(it);
   }
   cache_ = std::move(fresh);
-  watchRev_ = range.revision;
+  watchRev_.store(range.revision, std::memory_order_release);
   filled_ = true;
   compacted_ = false;
   return true;
@@ -1118,7 +1137,8 @@ void EtcdStore::applyWatch(etcd::WatchMessage const& msg) {
   std::unique_lock<CacheLock> lock(cacheMu_);
   for (auto const& ev : msg.events) {
     if (!startsWith(ev.kv.key, base_)) continue;
-    watchRev_ = std::max(watchRev_, ev.kv.modRevision);
+    if (ev.kv.modRevision > watchRev_.load(std::memory_order_relaxed))
+      watchRev_.store(ev.kv.modRevision, std::memory_order_release);
     if (!ev.deleted) {
       applyPut(ev.kv);
       continue;
@@ -1126,7 +1146,8 @@ void EtcdStore::applyWatch(etcd::WatchMessage const& msg) {
     auto it = cache_.find(std::string_view(ev.kv.key).substr(base_.size()));
     if (it != cache_.end() && it->second.modRev < ev.kv.modRevision) cache_.erase(it);
   }
-  std::erase_if(tombstones_, [&](Tombstone const& t) { return t.revision <= watchRev_; });
+  int64_t const seen = watchRev_.load(std::memory_order_relaxed);
+  std::erase_if(tombstones_, [&](Tombstone const& t) { return t.revision <= seen; });
 }
 
 // One watch stream: reads the gateway's chunked JSON as it comes.
@@ -1173,7 +1194,7 @@ class WatchStream {
 
 void EtcdStore::runWatch() {
   json create{{"key", keyJson(base_)}, {"range_end", keyJson(prefixEnd(base_))}};
-  create["start_revision"] = std::to_string(watchRev_ + 1);
+  create["start_revision"] = std::to_string(watchRev_.load(std::memory_order_acquire) + 1);
   std::string const body = json{{"create_request", std::move(create)}}.dump();
   CURL* h = curl_easy_init();
   if (!h) return;
