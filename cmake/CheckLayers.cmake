@@ -12,7 +12,7 @@ set(LAYERS text concurrency diagnostics time web files system config
 set(HEADER_HOME
   types=text quenlib_export=text refcount=text sinterlocked=text siarray=text
   codesetconverter=text version=system simap=web sdatetime=time
-  sdatetimestring=time logplugin=diagnostics regapi=config)
+  sdatetimestring=time logplugin=diagnostics)
 
 # The one channel for assertions and traces sits beside text: every
 # subsystem, text included, reports through it. The trace text stamps
