@@ -38,9 +38,28 @@ void AcquireRuntime() {
 // Entities may expand to at most this many in one document.
 constexpr XMLSize_t kEntityExpansionLimit = 10000;
 
+// The parser cuts long messages at a fixed number of UTF-16 units, which
+// can split a surrogate pair; a lone surrogate would fail the strict UTF-8
+// conversion below and leave no text at all. Each one becomes '?'.
+std::u16string WithoutLoneSurrogates(XMLCh const* text) {
+  std::u16string out(text);
+  for (size_t i = 0; i < out.size(); ++i) {
+    bool const high = out[i] >= 0xD800 && out[i] < 0xDC00;
+    bool const low = out[i] >= 0xDC00 && out[i] < 0xE000;
+    bool const paired = high && i + 1 < out.size() && out[i + 1] >= 0xDC00 && out[i + 1] < 0xE000;
+    if (paired) {
+      ++i;
+      continue;
+    }
+    if (high || low) out[i] = u'?';
+  }
+  return out;
+}
+
 SAnsiString FromXml(XMLCh const* text) {
   if (text == nullptr || *text == 0) return SAnsiString();
-  xercesc::TranscodeToStr utf8(text, "UTF-8");
+  std::u16string const whole = WithoutLoneSurrogates(text);
+  xercesc::TranscodeToStr utf8(whole.c_str(), "UTF-8");
   return MBCSCodesetConverter::ExplicitCodesetToT(reinterpret_cast<char const*>(utf8.str()),
                                                   MBCSCodesetConverter::ECS_UTF8);
 }

@@ -77,6 +77,19 @@ TEST(SXmlDocument, ReportsTheLineAndColumnOfTheFirstError) {
   }
 }
 
+// The parser cuts a long message at a fixed number of UTF-16 units, which
+// can split a surrogate pair: the error text must still come out. The tag
+// name of 1,100 characters outside the BMP puts the cut inside a pair.
+TEST(SXmlDocument, AMessageCutInsideASurrogatePairStillHasText) {
+  std::string text = "<";
+  for (int i = 0; i < 1100; ++i) text += "\xF0\x90\x80\x80";  // U+10000
+  text += "<";                                                      // ends the tag unfinished
+  SXmlDocument doc;
+  EXPECT_FALSE(doc.parse(text.data(), text.size()));
+  EXPECT_FALSE(doc.getErrorText().isEmpty());
+  EXPECT_FALSE(doc.getRoot().isValid());
+}
+
 TEST(SXmlDocument, BuildsWritesAndReadsBack) {
   SXmlDocument out;
   ASSERT_TRUE(out.create("Landscape"));
