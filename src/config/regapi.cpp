@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "config/regstore.h"
+#include "text/utfcore.h"
 
 namespace QuenLibA500 {
 
@@ -45,15 +46,6 @@ bool isAscii(std::string_view s) {
   return true;
 }
 
-bool isValidUtf8(std::string_view s) {
-  int32_t i = 0, n = static_cast<int32_t>(s.size());
-  while (i < n) {
-    UChar32 c;
-    U8_NEXT(reinterpret_cast<uint8_t const*>(s.data()), i, n, c);
-    if (c < 0) return false;
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -62,7 +54,8 @@ bool isValidUtf8(std::string_view s) {
 // only. The result depends on the bytes alone, never on the process
 // locale, so every process finds the same keys.
 void foldName(std::string_view in, std::string& out) {
-  if (isAscii(in) || !isValidUtf8(in)) return asciiLower(in, out);
+  if (isAscii(in) || !utf::isValidUtf8(reinterpret_cast<unsigned char const*>(in.data()), in.size()))
+    return asciiLower(in, out);
   icu::UnicodeString u = icu::UnicodeString::fromUTF8(
       icu::StringPiece(in.data(), static_cast<int32_t>(in.size())));
   u.foldCase();
